@@ -1,8 +1,9 @@
 // The guard of a dialogue that a SIGALRM may jump out of.
 //
-// The handlers jump with siglongjmp. A jump out of stdio or malloc would leave their locks held, so code that
-// prints or allocates inside a dialogue does it between hold() and release(): an alarm that comes meanwhile is
-// remembered and delivered by release(). One dialogue per process at a time.
+// The handlers jump with siglongjmp. A jump out of stdio or malloc would leave their locks held, so
+// code that prints or allocates inside a dialogue does it between hold() and release(): an alarm
+// that comes meanwhile is remembered and delivered by release(). One dialogue per process at a
+// time.
 #pragma once
 #include <setjmp.h>
 #include <signal.h>
@@ -10,10 +11,10 @@
 namespace base {
 
 struct AlarmGuard {
-  sigjmp_buf back;                      // where the dialogue resumes, filled by sigsetjmp(back, 1)
-  volatile sig_atomic_t armed = 0;      // a dialogue is active: back is alive
-  volatile sig_atomic_t held = 0;       // depth of hold()
-  volatile sig_atomic_t pending = 0;    // an alarm came while held
+  sigjmp_buf back;                    // where the dialogue resumes, filled by sigsetjmp(back, 1)
+  volatile sig_atomic_t armed = 0;    // a dialogue is active: back is alive
+  volatile sig_atomic_t held = 0;     // depth of hold()
+  volatile sig_atomic_t pending = 0;  // an alarm came while held
 
   void hold() { held = held + 1; }
   void release() {
@@ -23,8 +24,8 @@ struct AlarmGuard {
       raise(SIGALRM);
     }
   }
-  // For handlers: true when the jump must not be taken now. Nothing is lost: either there is no dialogue, or
-  // release() raises the signal again.
+  // For handlers: true when the jump must not be taken now. Nothing is lost: either there is no
+  // dialogue, or release() raises the signal again.
   bool mustWait() {
     if (!armed) return true;
     if (!held) return false;
@@ -41,7 +42,8 @@ struct AlarmGuard {
 // Sets the real-time interval timer: first expiry and interval, in seconds; 0 stops it. 0 or -1.
 int setAlarmTimer(int seconds);
 
-// Installs a SIGALRM action without SA_RESTART, so that an alarm always wakes a blocked call. 0 or -1.
+// Installs a SIGALRM action without SA_RESTART, so that an alarm always wakes a blocked call. 0 or
+// -1.
 int catchAlarm(void (*handler)(int), struct sigaction *previous);
 
 }  // namespace base

@@ -1,5 +1,5 @@
-// Integers that keep their bytes in a stated order and need no alignment, so that a struct of them can be laid
-// over any buffer: declaring the field is the codec.
+// Integers that keep their bytes in a stated order and need no alignment, so that a struct of them
+// can be laid over any buffer: declaring the field is the codec.
 #pragma once
 #include <stdint.h>
 #include <string.h>

@@ -1,4 +1,5 @@
-// Owners of descriptors and streams. Not for frames that an alarm may jump over: those hold plain values.
+// Owners of descriptors and streams. Not for frames that an alarm may jump over: those hold plain
+// values.
 #pragma once
 #include <stdio.h>
 #include <unistd.h>

@@ -18,21 +18,11 @@ struct Row {
 
 // In the order of the enumeration.
 constexpr Row kRows[] = {
-    {"list-start", 100, 1},
-    {"list-grace", 10000, 0},
-    {"idle", 45000, -1},
-    {"empty-read", 50, -1},
-    {"gather-child", 5000, 0},
-    {"gatherer-start", 5000, 0},
-    {"parent-poll", 100, -1},
-    {"chunk-ack", 10, -1},
-    {"mailbox-retry", 1000, -1},
-    {"package-poll", 10, -1},
-    {"drive-busy", 10000, 250},
-    {"drive-busy-tries", 30, 1200},
-    {"label-settle", 1000, 0},
-    {"tape-retry", 1000, -1},
-    {"connect-retry", 20, -1},
+    {"list-start", 100, 1},    {"list-grace", 10000, 0},   {"idle", 45000, -1},
+    {"empty-read", 50, -1},    {"gather-child", 5000, 0},  {"gatherer-start", 5000, 0},
+    {"parent-poll", 100, -1},  {"chunk-ack", 10, -1},      {"mailbox-retry", 1000, -1},
+    {"package-poll", 10, -1},  {"drive-busy", 10000, 250}, {"drive-busy-tries", 30, 1200},
+    {"label-settle", 1000, 0}, {"tape-retry", 1000, -1},   {"connect-retry", 20, -1},
 };
 static_assert(sizeof kRows / sizeof kRows[0] == static_cast<int>(Pause::kCount));
 
@@ -49,7 +39,9 @@ int pauseLength(Pause pause) {
   return readiness && row.sound >= 0 ? row.sound : row.stated;
 }
 
-void pauseFor(Pause pause) { sleepMs(pauseLength(pause)); }
+void pauseFor(Pause pause) {
+  sleepMs(pauseLength(pause));
+}
 
 void sleepMs(int ms) {
   if (ms <= 0) return;
@@ -70,6 +62,8 @@ Pause pauseByName(const char *name) {
   return Pause::kCount;
 }
 
-void setPause(Pause pause, int length) { configured[static_cast<int>(pause)] = length + 1; }
+void setPause(Pause pause, int length) {
+  configured[static_cast<int>(pause)] = length + 1;
+}
 
 }  // namespace base

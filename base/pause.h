@@ -1,29 +1,29 @@
 // Every fixed pause and polling interval of the module, named, with its stated value.
 //
-// A pause is time given to another process to get ready. Where the area "pace" is sound, readiness is looked
-// for instead and the pause is gone (its sound length is 0, or the interval of the look). Time-outs that bound
-// a failure are not pauses and do not stand here. Any row can be set in the site file as
-// "pause.NAME = 10s" (ms, s or m), in both behaviours.
+// A pause is time given to another process to get ready. Where the area "pace" is sound, readiness
+// is looked for instead and the pause is gone (its sound length is 0, or the interval of the look).
+// Time-outs that bound a failure are not pauses and do not stand here. Any row can be set in the
+// site file as "pause.NAME = 10s" (ms, s or m), in both behaviours.
 #pragma once
 
 namespace base {
 
 enum class Pause {
-  ListStart,        // look whether the list generator's first process has ended, 100 times
-  ListGrace,        // head start of the list generator before the gatherer reads its list
-  Idle,             // what one "Idle" costs, on both sides
-  EmptyRead,        // between two reads of a stream that has ended
-  GatherChild,      // before a gathering child of a backup job begins
-  GathererStart,    // before the child connects to the gatherer it asked for
-  ParentPoll,       // longest wait of a gathering child for a word of its parent
-  ChunkAck,         // longest wait between two looks at a package not yet taken, 10,000 looks
-  MailboxRetry,     // before a mailbox whose position cannot be set is tried again
-  PackagePoll,      // longest wait of the tape writer for a word of its gathering children
-  DriveBusy,        // before a busy drive is opened again
-  DriveBusyTries,   // not a time: how often a busy drive is opened
-  LabelSettle,      // around the writing of a label
-  TapeRetry,        // before a failed read of a tape is tried again
-  ConnectRetry,     // before a refused data connection is tried again (sound only)
+  ListStart,       // look whether the list generator's first process has ended, 100 times
+  ListGrace,       // head start of the list generator before the gatherer reads its list
+  Idle,            // what one "Idle" costs, on both sides
+  EmptyRead,       // between two reads of a stream that has ended
+  GatherChild,     // before a gathering child of a backup job begins
+  GathererStart,   // before the child connects to the gatherer it asked for
+  ParentPoll,      // longest wait of a gathering child for a word of its parent
+  ChunkAck,        // longest wait between two looks at a package not yet taken, 10,000 looks
+  MailboxRetry,    // before a mailbox whose position cannot be set is tried again
+  PackagePoll,     // longest wait of the tape writer for a word of its gathering children
+  DriveBusy,       // before a busy drive is opened again
+  DriveBusyTries,  // not a time: how often a busy drive is opened
+  LabelSettle,     // around the writing of a label
+  TapeRetry,       // before a failed read of a tape is tried again
+  ConnectRetry,    // before a refused data connection is tried again (sound only)
   kCount
 };
 

@@ -11,9 +11,13 @@
 
 namespace base {
 
-void ignoreSigpipe() { signal(SIGPIPE, SIG_IGN); }
+void ignoreSigpipe() {
+  signal(SIGPIPE, SIG_IGN);
+}
 
-void defaultSigchld() { signal(SIGCHLD, SIG_DFL); }
+void defaultSigchld() {
+  signal(SIGCHLD, SIG_DFL);
+}
 
 pid_t forkFlushed() {
   fflush(nullptr);

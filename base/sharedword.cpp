@@ -1,7 +1,7 @@
 #include "base/sharedword.h"
 
-#include <linux/futex.h>
 #include <limits.h>
+#include <linux/futex.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>

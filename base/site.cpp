@@ -1,5 +1,6 @@
-// Reads etc/ZULsite: lines "key = value", '#' begins a comment. What is wrong with it costs one NOTICE each in
-// the host's log and never more: an agent must go on working with a damaged site file, as a classic one.
+// Reads etc/ZULsite: lines "key = value", '#' begins a comment. What is wrong with it costs one
+// NOTICE each in the host's log and never more: an agent must go on working with a damaged site
+// file, as a classic one.
 #include "base/site.h"
 
 #include <ctype.h>
@@ -18,12 +19,13 @@ namespace base {
 namespace {
 
 constexpr int kAreas = static_cast<int>(Area::kCount);
-constexpr const char *kAreaNames[kAreas] = {"stream",    "backup",   "restore", "receive", "stores",
-                                            "multicast", "security", "pace"};
+constexpr const char *kAreaNames[kAreas] = {"stream", "backup",    "restore",  "receive",
+                                            "stores", "multicast", "security", "pace"};
 
 // Keys that carry a value of their own.
-constexpr const char *kValueKeys[] = {"multicast.sender", "multicast.interface", "multicast.ttl",
-                                      "multicast.drain",  "multicast.idle-limit", "fanout.answer-limit"};
+constexpr const char *kValueKeys[] = {"multicast.sender",     "multicast.interface",
+                                      "multicast.ttl",        "multicast.drain",
+                                      "multicast.idle-limit", "fanout.answer-limit"};
 constexpr int kValues = sizeof kValueKeys / sizeof kValueKeys[0];
 
 bool loaded = false;
@@ -107,8 +109,8 @@ void readLines(FILE *file, const char *path) {
     if (outcome == Outcome::unknown)
       print(fplog, "NOTICE:  %s line %i: unknown key %s, ignored\n", path, number, key);
     if (outcome == Outcome::badValue)
-      print(fplog, "NOTICE:  %s line %i: bad value for %s: %s, its default holds\n", path, number, key,
-            value);
+      print(fplog, "NOTICE:  %s line %i: bad value for %s: %s, its default holds\n", path, number,
+            key, value);
   }
 }
 
@@ -123,8 +125,10 @@ void load() {
   struct stat status;
   // A file that strangers may write must not switch remedies off or on.
   if (fstat(fileno(file), &status) != 0 || (status.st_mode & 022) != 0) {
-    print(fplog, "NOTICE:  Site file %s may be written by others: not used, classic behaviour everywhere\n",
-          path.c_str());
+    print(
+        fplog,
+        "NOTICE:  Site file %s may be written by others: not used, classic behaviour everywhere\n",
+        path.c_str());
   } else {
     readLines(file, path);
   }

@@ -1,8 +1,9 @@
-// The site file, etc/ZULsite under ZULhome: which behaviour holds in which area, and values of its own.
+// The site file, etc/ZULsite under ZULhome: which behaviour holds in which area, and values of its
+// own.
 //
-// Some behaviours of this system lose data, hang or let strangers in on today's networks, and installed agents
-// and tapes expect them all the same: those are "classic", the default. "sound" replaces them area by area. The
-// code asks sound(Area::x) at the one line where the two differ.
+// Some behaviours of this system lose data, hang or let strangers in on today's networks, and
+// installed agents and tapes expect them all the same: those are "classic", the default. "sound"
+// replaces them area by area. The code asks sound(Area::x) at the one line where the two differ.
 #pragma once
 
 namespace base {
@@ -12,11 +13,12 @@ enum class Area { stream, backup, restore, receive, stores, multicast, security,
 // The site file is read once per process, at the first question.
 bool sound(Area area);
 
-// A value of its own, such as "multicast.sender"; an empty text when it is not set. The text lives until the
-// site file is read again.
+// A value of its own, such as "multicast.sender"; an empty text when it is not set. The text lives
+// until the site file is read again.
 const char *siteValue(const char *key);
 
-// Forgets what was read, so that the next question reads the file again. For a host that changes ZULhome.
+// Forgets what was read, so that the next question reads the file again. For a host that changes
+// ZULhome.
 void forgetSite();
 
 }  // namespace base

@@ -35,6 +35,8 @@ HomePath::HomePath(const char *format, ...) {
   if (rest < 0 || static_cast<size_t>(home + rest) >= sizeof text_) text_[0] = '\0';
 }
 
-int decimal(const char *text) { return static_cast<int>(strtol(text, nullptr, 10)); }
+int decimal(const char *text) {
+  return static_cast<int>(strtol(text, nullptr, 10));
+}
 
 }  // namespace base

@@ -1,5 +1,5 @@
-// The helpers ZULd lends the module: splitting a line, copying a file, removing a tape's catalog directory.
-// They run in request processes, as root, on words that came from an operator.
+// The helpers ZULd lends the module: splitting a line, copying a file, removing a tape's catalog
+// directory. They run in request processes, as root, on words that came from an operator.
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -53,10 +53,12 @@ int filecopy(const char *source, const char *destination) {
   return close(to.release()) == 0 ? 0 : -3;
 }
 
-int filecpy(const char *source, const char *destination, int) { return filecopy(source, destination); }
+int filecpy(const char *source, const char *destination, int) {
+  return filecopy(source, destination);
+}
 
-// Removes name below the open directory; links are removed, never followed, and no component is looked up
-// twice, so a tree that changes under us cannot lead outside itself.
+// Removes name below the open directory; links are removed, never followed, and no component is
+// looked up twice, so a tree that changes under us cannot lead outside itself.
 static int removeTree(int parent, const char *name) {
   if (unlinkat(parent, name, 0) == 0 || errno == ENOENT) return 0;
   if (errno != EISDIR && errno != EPERM) return -1;
@@ -81,7 +83,8 @@ int deldir(char *args, int) {
   if (!path) return -1;
   path++;
   char allowed[sizeof ZULhome + 16];
-  size_t length = static_cast<size_t>(snprintf(allowed, sizeof allowed, "%.255s/var/tape/", ZULhome));
+  size_t length =
+      static_cast<size_t>(snprintf(allowed, sizeof allowed, "%.255s/var/tape/", ZULhome));
   if (strncmp(path, allowed, length) != 0 || path[length] == '\0') return -1;
   if (strstr(path, "/../") || strstr(path, "/./") || strstr(path, "//")) return -1;
   const char *last = strrchr(path, '/') + 1;

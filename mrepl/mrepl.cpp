@@ -1,6 +1,7 @@
 // The entry of multicast replication requests.
 //
-// This build has no multicast jobs; the entry exists because every host routes MREPL requests to it.
+// This build has no multicast jobs; the entry exists because every host routes MREPL requests to
+// it.
 #include <zul/host.h>
 #include <zul/module.h>
 
@@ -9,6 +10,7 @@
 
 int mreplicate(char *cmdline) {
   base::ignoreSigpipe();
-  base::print(stderr, "ERROR:  Multicast replication is not available on this agent yet: %s\n", cmdline);
+  base::print(stderr, "ERROR:  Multicast replication is not available on this agent yet: %s\n",
+              cmdline);
   return -1;
 }

@@ -8,12 +8,14 @@
 #include "base/log.h"
 
 int replicate(const char *job) {
-  base::print(backuplog, "ERROR:  Replication job# %s not started: this agent cannot replicate yet\n", job);
+  base::print(backuplog,
+              "ERROR:  Replication job# %s not started: this agent cannot replicate yet\n", job);
   return -1;
 }
 
 int replicateIt(char *destination, int) {
-  base::print(stderr, "ERROR:  Nothing replicated to %s: this agent cannot receive a replication yet\n",
+  base::print(stderr,
+              "ERROR:  Nothing replicated to %s: this agent cannot receive a replication yet\n",
               destination);
   return -1;
 }

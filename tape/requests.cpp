@@ -1,5 +1,5 @@
-// The configuration requests: "get", "add", "mod" and "del" pick a store and an operation by the first word
-// of the rest, and hand the words behind it on as they stand.
+// The configuration requests: "get", "add", "mod" and "del" pick a store and an operation by the
+// first word of the rest, and hand the words behind it on as they stand.
 #include <string.h>
 #include <zul/tape.h>
 
@@ -7,8 +7,11 @@
 
 namespace {
 
-// Items are matched by prefix over the item's own length, in table order: "tapes" is "tape", "catalog" is "cat".
-bool names(const char *word, const char *item) { return strncmp(word, item, strlen(item)) == 0; }
+// Items are matched by prefix over the item's own length, in table order: "tapes" is "tape",
+// "catalog" is "cat".
+bool names(const char *word, const char *item) {
+  return strncmp(word, item, strlen(item)) == 0;
+}
 
 struct Listing {
   const char *item;
@@ -26,14 +29,10 @@ struct Query {
   int (*print)(char *argument);
 };
 constexpr Query kQueries[] = {
-    {"dir", getdir},
-    {"tape", getTapes},
-    {"header", prtTapeHead},
-    {"backuplist", [](char *job) { return getBackupList(job); }},
-    {"vols", getTapeVols},
-    {"hhist", dumpHostHist},
-    {"cat", getVolCat},
-    {"trans", [](char *job) { return getTrans(job); }},
+    {"dir", getdir},         {"tape", getTapes},
+    {"header", prtTapeHead}, {"backuplist", [](char *job) { return getBackupList(job); }},
+    {"vols", getTapeVols},   {"hhist", dumpHostHist},
+    {"cat", getVolCat},      {"trans", [](char *job) { return getTrans(job); }},
 };
 
 int delTransform(char *argument) {
@@ -69,7 +68,8 @@ constexpr Modification kModifications[] = {
     {"jobids", modJobids, -1},
     {"repids", modRepids, -1},
     {"group", modTapeGroup, -1},
-    // A tape has nothing that could be changed; the word is accepted for the sake of installed consoles.
+    // A tape has nothing that could be changed; the word is accepted for the sake of installed
+    // consoles.
     {"tapes", [](const char *, char *) { return 0; }, -1},
     {"drive", modDrive, -1},
     {"trans", modTrans, 1},

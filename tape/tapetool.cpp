@@ -1,9 +1,9 @@
 // The module's front end: one command line in, one handler called.
 //
-// The host calls tapetool in a process of its own for every TAPE request. Configuration requests answer on
-// standard error, which the host relays to the operator. Starters of long work release the console and detach
-// (tapeBackup, goReplicate), or are the agent-side workers a peer asked for and run in the calling process
-// (goServer, goRepclnt, goResclnt).
+// The host calls tapetool in a process of its own for every TAPE request. Configuration requests
+// answer on standard error, which the host relays to the operator. Starters of long work release
+// the console and detach (tapeBackup, goReplicate), or are the agent-side workers a peer asked for
+// and run in the calling process (goServer, goRepclnt, goResclnt).
 #include <ctype.h>
 #include <errno.h>
 #include <stdlib.h>
@@ -26,8 +26,8 @@ namespace {
 
 constexpr const char *kModuleVersion = "0.34";
 
-// Splits rest into at most N words. Slots without a word hold an empty text, so that a handler of a request
-// without arguments reads "" and not whatever the stack held.
+// Splits rest into at most N words. Slots without a word hold an empty text, so that a handler of a
+// request without arguments reads "" and not whatever the stack held.
 template <int N>
 struct Words {
   char empty[1] = "";
@@ -45,7 +45,8 @@ bool openStatus(const char *path, const char *mode, int buffering) {
   if (!backuplog) {
     int error = errno;
     backuplog = stderr;
-    base::print(stderr, "ERROR:  Fatal error.  Cannot open status log file: %s.  errno = %i\n", path, error);
+    base::print(stderr, "ERROR:  Fatal error.  Cannot open status log file: %s.  errno = %i\n",
+                path, error);
     return false;
   }
   setvbuf(backuplog, nullptr, buffering, buffering == _IONBF ? 0 : BUFSIZ);
@@ -57,19 +58,43 @@ void closeStatus() {
   backuplog = stderr;
 }
 
-int fold(int result) { return result != 0 ? 1 : 0; }
+int fold(int result) {
+  return result != 0 ? 1 : 0;
+}
 
-int runGet(char *rest) { return fold(tapeGet(rest)); }
-int runAdd(char *rest) { return fold(tapeAdd(rest)); }
-int runMod(char *rest) { return fold(tapeMod(rest)); }
-int runDel(char *rest) { return fold(tapeDel(rest)); }
-int runBackup(char *rest) { return fold(tapeBackup(rest)); }
-int runServer(char *rest) { return fold(goServer(rest)); }
-int runResclnt(char *rest) { return fold(goResclnt(rest)); }
-int runRepclnt(char *rest) { return fold(goRepclnt(rest)); }
-int runRsync(char *rest) { return fold(reqSync(rest)); }
-int runJsync(char *rest) { return fold(syncBackupLists(base::decimal(rest))); }
-int runReplicate(char *rest) { return fold(goReplicate(rest)); }
+int runGet(char *rest) {
+  return fold(tapeGet(rest));
+}
+int runAdd(char *rest) {
+  return fold(tapeAdd(rest));
+}
+int runMod(char *rest) {
+  return fold(tapeMod(rest));
+}
+int runDel(char *rest) {
+  return fold(tapeDel(rest));
+}
+int runBackup(char *rest) {
+  return fold(tapeBackup(rest));
+}
+int runServer(char *rest) {
+  return fold(goServer(rest));
+}
+int runResclnt(char *rest) {
+  return fold(goResclnt(rest));
+}
+int runRepclnt(char *rest) {
+  return fold(goRepclnt(rest));
+}
+int runRsync(char *rest) {
+  return fold(reqSync(rest));
+}
+int runJsync(char *rest) {
+  return fold(syncBackupLists(base::decimal(rest)));
+}
+int runReplicate(char *rest) {
+  return fold(goReplicate(rest));
+}
 
 int runRestore(char *rest) {
   if (goRestore(rest) == 0) return 0;
@@ -94,9 +119,10 @@ struct Command {
 };
 
 constexpr Command kCommands[] = {
-    {"get", runGet},         {"add", runAdd},         {"mod", runMod},         {"del", runDel},
-    {"backup", runBackup},   {"restore", runRestore}, {"server", runServer},   {"resclnt", runResclnt},
-    {"repclnt", runRepclnt}, {"rsync", runRsync},     {"jsync", runJsync},     {"replicate", runReplicate},
+    {"get", runGet},           {"add", runAdd},         {"mod", runMod},
+    {"del", runDel},           {"backup", runBackup},   {"restore", runRestore},
+    {"server", runServer},     {"resclnt", runResclnt}, {"repclnt", runRepclnt},
+    {"rsync", runRsync},       {"jsync", runJsync},     {"replicate", runReplicate},
     {"version", printVersion}, {"funtest", runFuntest},
 };
 
@@ -217,7 +243,8 @@ int goRepclnt(char *rest) {
   return -1;
 }
 
-// Points the descriptor of a stream at the log, after what the stream still holds went where it belongs.
+// Points the descriptor of a stream at the log, after what the stream still holds went where it
+// belongs.
 static void redirectStream(FILE *stream, int log) {
   if (!stream) return;
   fflush(stream);

@@ -1,5 +1,5 @@
-// The symbols a host lends, for tests that call the module's functions directly. The splitting and copying
-// helpers are the daemon's own (host/lent.cpp); the login is played.
+// The symbols a host lends, for tests that call the module's functions directly. The splitting and
+// copying helpers are the daemon's own (host/lent.cpp); the login is played.
 #include <zul/host.h>
 
 #include "support.h"

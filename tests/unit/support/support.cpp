@@ -29,7 +29,8 @@ void HomeTest::SetUp() {
   char name[] = "/tmp/zultest.XXXXXX";
   ASSERT_NE(mkdtemp(name), nullptr);
   home = name;
-  for (const char *folder : {"etc", "bin", "tmp", "var", "var/tape", "var/tape/jobids", "var/tape/mrepljobs"})
+  for (const char *folder :
+       {"etc", "bin", "tmp", "var", "var/tape", "var/tape/jobids", "var/tape/mrepljobs"})
     fs::create_directories(path(folder));
   snprintf(ZULhome, sizeof ZULhome, "%s", home.c_str());
   status_ = backuplog = fopen(path("tmp/.status").c_str(), "we");
@@ -52,8 +53,12 @@ void HomeTest::TearDown() {
   fs::remove_all(home, ignored);
 }
 
-std::string HomeTest::statusLog() const { return readFile(path("tmp/.status")); }
-std::string HomeTest::hostLog() const { return readFile(path("tmp/.hostlog")); }
+std::string HomeTest::statusLog() const {
+  return readFile(path("tmp/.status"));
+}
+std::string HomeTest::hostLog() const {
+  return readFile(path("tmp/.hostlog"));
+}
 
 void HomeTest::clearLogs() {
   for (const char *log : {"tmp/.status", "tmp/.hostlog"}) (void)!truncate(path(log).c_str(), 0);
@@ -85,8 +90,12 @@ static std::string capture(int fd, FILE *stream, const std::function<void()> &bo
   return text;
 }
 
-std::string captureStderr(const std::function<void()> &body) { return capture(2, stderr, body); }
-std::string captureStdout(const std::function<void()> &body) { return capture(1, stdout, body); }
+std::string captureStderr(const std::function<void()> &body) {
+  return capture(2, stderr, body);
+}
+std::string captureStdout(const std::function<void()> &body) {
+  return capture(1, stdout, body);
+}
 
 int inChild(const std::function<int()> &body, int limitSeconds) {
   fflush(nullptr);
@@ -97,7 +106,8 @@ int inChild(const std::function<int()> &body, int limitSeconds) {
     _exit(result);
   }
   int status = 0;
-  bool ended = eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; }, limitSeconds * 1000);
+  bool ended =
+      eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; }, limitSeconds * 1000);
   if (!ended) {
     kill(pid, SIGKILL);
     waitpid(pid, &status, 0);

@@ -1,4 +1,5 @@
-// What the unit tests share: a home of their own, captured streams, children whose end can be looked at.
+// What the unit tests share: a home of their own, captured streams, children whose end can be
+// looked at.
 #pragma once
 #include <gtest/gtest.h>
 #include <stdio.h>
@@ -18,8 +19,9 @@ struct HostPlay {
 };
 extern HostPlay hostPlay;
 
-// A temporary ZULhome with the folders of an installation; all streams captured into files of its own.
-// backuplog and fplog are set, ENOENT-style leftovers of earlier tests are gone, the site file is forgotten.
+// A temporary ZULhome with the folders of an installation; all streams captured into files of its
+// own. backuplog and fplog are set, ENOENT-style leftovers of earlier tests are gone, the site file
+// is forgotten.
 class HomeTest : public ::testing::Test {
  protected:
   void SetUp() override;
@@ -33,7 +35,8 @@ class HomeTest : public ::testing::Test {
   std::string hostLog() const;    // fplog
   void clearLogs();
 
-  // Writes etc/ZULsite and has it read at the next question. "sound" or "classic" behaviour lines go here.
+  // Writes etc/ZULsite and has it read at the next question. "sound" or "classic" behaviour lines
+  // go here.
   void site(const std::string &text);
   void soundSite() { site("behaviour = sound\n"); }
 
@@ -46,8 +49,8 @@ class HomeTest : public ::testing::Test {
 std::string captureStderr(const std::function<void()> &body);
 std::string captureStdout(const std::function<void()> &body);
 
-// Runs body in a forked child, which leaves with body's result; returns the wait status. The child is killed
-// when it runs for longer than limitSeconds, and the test fails.
+// Runs body in a forked child, which leaves with body's result; returns the wait status. The child
+// is killed when it runs for longer than limitSeconds, and the test fails.
 int inChild(const std::function<int()> &body, int limitSeconds = 20);
 // Its exit status, or 1000 + the signal.
 int exitOf(int waitStatus);
@@ -62,8 +65,9 @@ bool eventually(const std::function<bool()> &condition, int limitMs = 5000);
 // A TCP listener on loopback; port 0 takes a free one, which is written back. -1 on failure.
 int listenOn(int &port);
 
-// Moves the calling process into a network namespace of its own with loopback up, so that the fixed ports are
-// free whatever else runs on the machine. False where that is not permitted; then the ports are used as they are.
+// Moves the calling process into a network namespace of its own with loopback up, so that the fixed
+// ports are free whatever else runs on the machine. False where that is not permitted; then the
+// ports are used as they are.
 bool ownNetwork();
 
 }  // namespace support

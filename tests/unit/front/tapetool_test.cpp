@@ -1,0 +1,204 @@
+// The front end: every word reaches its handler, with the stated texts, results and status files.
+#include <signal.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <zul/module.h>
+#include <zul/net.h>
+#include <zul/tape.h>
+
+#include "base/text.h"
+#include "support.h"
+
+using support::captureStderr;
+using support::eventually;
+using support::exists;
+using support::exitOf;
+using support::inChild;
+using support::readFile;
+
+namespace {
+
+class TapeTool : public support::HomeTest {
+ protected:
+  // Runs one request here and returns its result; what it printed is in said.
+  int run(const std::string &line) {
+    char buffer[4096];
+    base::copyText(buffer, sizeof buffer, line.c_str());
+    int result = 0;
+    said = captureStderr([&] { result = tapetool(buffer); });
+    return result;
+  }
+  // Runs one request in a process of its own, as a host does; the exit status.
+  int runAway(const std::string &line) {
+    std::string file = path("tmp/.stderr");
+    int status = inChild([&] {
+      (void)!freopen(file.c_str(), "w", stderr);
+      setvbuf(stderr, nullptr, _IONBF, 0);
+      char buffer[4096];
+      base::copyText(buffer, sizeof buffer, line.c_str());
+      return tapetool(buffer);
+    });
+    said = readFile(file);
+    return exitOf(status);
+  }
+  std::string said;
+};
+
+TEST_F(TapeTool, OpensAndTruncatesTheStatusLogOnEveryCall) {
+  support::writeFile(path("var/libtape.status"), "old");
+  EXPECT_EQ(run("version"), 0);
+  EXPECT_NE(backuplog, nullptr);
+  EXPECT_EQ(readFile(path("var/libtape.status")), "");
+}
+
+TEST_F(TapeTool, FailsWhenTheStatusLogCannotBeOpened) {
+  support::writeFile(path("var2"), "");
+  ASSERT_EQ(rename(path("var").c_str(), path("gone").c_str()), 0);
+  EXPECT_EQ(run("version"), -9);
+  EXPECT_EQ(said, "ERROR:  Fatal error.  Cannot open status log file: " +
+                      path("var/libtape.status") + ".  errno = 2\n");
+}
+
+TEST_F(TapeTool, EmptyAndBlankLinesHaveNoWord) {
+  for (const char *line : {"", "   \t"}) {
+    EXPECT_EQ(run(line), 1);
+    EXPECT_EQ(said, "ERROR:  8000 Insufficient arguments.\n");
+  }
+}
+
+TEST_F(TapeTool, VersionIsPrinted) {
+  EXPECT_EQ(run("version"), 0);
+  EXPECT_EQ(said, "0.34\n");
+}
+
+TEST_F(TapeTool, AnUnknownWordEndsTheProcess) {
+  for (const char *word : {"versions", "Version", "tape"}) {
+    EXPECT_EQ(runAway(word), 255);
+    EXPECT_EQ(said, std::string("ERROR:  8001  Tape lib: Unknown request, ") + word + "\n");
+  }
+}
+
+TEST_F(TapeTool, AgentWorkersNeedAllTheirWords) {
+  for (const char *line :
+       {"server 12", "repclnt a 5", "resclnt a", "server", "repclnt", "resclnt"}) {
+    EXPECT_EQ(run(line), 1) << line;
+    EXPECT_EQ(said, "ERROR:  Command syntax error\n") << line;
+  }
+  char text[] = "12";
+  captureStderr([&] { EXPECT_EQ(goServer(text), -1); });
+}
+
+TEST_F(TapeTool, WordsWithoutTheirRestGetAnEmptyText) {
+  EXPECT_EQ(run("backup"), 1);
+  EXPECT_EQ(said, "ERROR:  8005  Insufficient arguments.\n");
+  EXPECT_EQ(run("backup 7"), 1);
+  EXPECT_EQ(said, "ERROR:  8005  Insufficient arguments.\n");
+  EXPECT_EQ(run("get"), 1);
+  EXPECT_EQ(said, "ERROR:  8004  Tape lib: Unknown get request, \n");
+}
+
+TEST_F(TapeTool, BackupReleasesTheConsoleAndDetaches) {
+  EXPECT_EQ(runAway("backup 7abc 0"), 0);
+  EXPECT_EQ(said, "Creating a a background process\nSee the backup logs for status\nTRANSFER OK\n");
+  // The number is read decimally, so the file is named 7; the job does not exist and says so there.
+  EXPECT_TRUE(eventually([&] {
+    return readFile(path("var/tape/jobids/7.status")).find("Starting backup job# 7 on ") == 0 &&
+           readFile(path("var/tape/jobids/7.status")).find("8046") != std::string::npos;
+  })) << readFile(path("var/tape/jobids/7.status"));
+}
+
+TEST_F(TapeTool, BackupOfAJobThatIsNotInTheIndexSaysSo) {
+  char other[] = "8:1:1:1:1:0:x";
+  captureStderr([&] { ASSERT_EQ(addJobids(other), 0); });
+  EXPECT_EQ(runAway("backup 7 0"), 0);
+  EXPECT_TRUE(eventually([&] {
+    return readFile(path("var/tape/jobids/7.status"))
+               .find("ERROR:  8047  Cannot find desired jodid 7\n") != std::string::npos;
+  }));
+}
+
+TEST_F(TapeTool, BackupWithoutAStatusFileEndsWithItsOwnResult) {
+  // The detached process cannot be waited for; its result is written where the test can read it.
+  ASSERT_EQ(mkdir(path("var/tape/jobids/7.status").c_str(), 0700), 0);
+  inChild([&] {
+    char rest[] = "7 0";
+    (void)!freopen("/dev/null", "w", stderr);
+    int result = tapeBackup(rest);
+    support::writeFile(path("tmp/result"), std::to_string(result));
+    return 0;
+  });
+  EXPECT_TRUE(eventually([&] { return readFile(path("tmp/result")) == "-997"; }));
+}
+
+TEST_F(TapeTool, ReplicateReleasesTheConsoleAndLogsToItsOwnFile) {
+  std::string status = path("var/tape/jobids/replicate.5.stat");
+  EXPECT_EQ(runAway("replicate 5"), 0);
+  EXPECT_EQ(said, "Creating a replication process.\nSee the replication logs for status:  " +
+                      status + "\nTRANSFER OK\n");
+  std::string end = "ERROR:  ZUL network file gatherer error\n";
+  EXPECT_TRUE(eventually([&] {
+    std::string text = readFile(status);
+    return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
+  }));
+}
+
+TEST_F(TapeTool, ServerNeedsItsStatusFile) {
+  ASSERT_EQ(mkdir(path("var/tape/jobids/tapeserv.stat").c_str(), 0700), 0);
+  char rest[] = "7 0";
+  std::string text = captureStderr([&] { EXPECT_EQ(goServer(rest), -2); });
+  EXPECT_EQ(text, "ERROR:  Fatal error.  Cannot open status log file: " +
+                      path("var/tape/jobids/tapeserv.stat") + ".  errno = 21\n");
+}
+
+TEST_F(TapeTool, RepclntAnswersTheEncryptionQuestionFirst) {
+  EXPECT_EQ(run("repclnt a 5 2"), 1);
+  EXPECT_EQ(said.find("Rep Flags=n\n"), 0u);
+  support::writeFile(path("etc/ZULkey"), "k");
+  support::writeFile(path("bin/libscram.so"), "l");
+  EXPECT_EQ(run("repclnt a 5 1"), 1);
+  EXPECT_EQ(said.find("Rep Flags=n\n"), 0u);
+  EXPECT_EQ(shouldEncrypt(2), 0);
+  EXPECT_EQ(run("repclnt a 5 2"), 1);
+  EXPECT_EQ(said.find("Rep Flags=e\n"), 0u);
+  EXPECT_EQ(shouldEncrypt(2), 1);
+  shouldEncrypt(0);
+  EXPECT_NE(said.find("ERROR:  ZUL restore/replication client error\n"), std::string::npos);
+}
+
+TEST_F(TapeTool, ResclntMovesEveryMessageIntoItsLog) {
+  int status = inChild([&] {
+    char rest[] = "/nowhere 4";
+    int result = goResclnt(rest);
+    fprintf(fplog, "from the host's log\n");
+    return result == -1 ? 0 : 1;
+  });
+  EXPECT_EQ(exitOf(status), 0);
+  std::string log = readFile(path("var/tape/restore.clnt"));
+  EXPECT_EQ(log.find("Starting Restore"), 0u);
+  EXPECT_NE(log.find("ERROR:  ZUL restore/replication client error\n"), std::string::npos);
+  EXPECT_NE(log.find("from the host's log\n"), std::string::npos);
+}
+
+TEST_F(TapeTool, AFailedRestoreSaysSoLast) {
+  EXPECT_EQ(run("restore 9"), 1);
+  std::string end = "ERROR:  Restore failed...\n";
+  ASSERT_GE(said.size(), end.size());
+  EXPECT_EQ(said.substr(said.size() - end.size()), end);
+}
+
+TEST_F(TapeTool, PushingAListOfAnUnknownJobFails) {
+  EXPECT_EQ(run("jsync 7"), 1);
+  EXPECT_NE(said.find("8046"), std::string::npos);
+}
+
+TEST_F(TapeTool, AListThatCannotBeStoredFails) {
+  ASSERT_EQ(mkdir(path("var/tape/jobids/7.req").c_str(), 0700), 0);
+  EXPECT_EQ(run("rsync 7"), 1);
+}
+
+TEST_F(TapeTool, FuntestRunsInTheForeground) {
+  EXPECT_EQ(run("funtest"), 0);
+}
+
+}  // namespace
