@@ -1,3 +1,4 @@
+// The fixture, captured streams and watched children of support.h.
 #include "support.h"
 
 #include <arpa/inet.h>
