@@ -24,6 +24,7 @@ enum class Pause {
   LabelSettle,     // around the writing of a label
   TapeRetry,       // before a failed read of a tape is tried again
   ConnectRetry,    // before a refused data connection is tried again (sound only)
+  StoreLock,       // between two looks at the lock of a store that another request changes
   kCount
 };
 
