@@ -1,0 +1,209 @@
+"""Several hosts on one machine.
+
+    h1 ---+
+    h2 ---+--- bridge (a namespace of its own)      addresses 10.77.0.1, .2, ... ; names h1, h2, ...
+    h3 ---+
+
+Every host is a network namespace with its own node name, its own /etc/hosts, its own home and its own ZULd; the
+file system is shared, so each host's source tree is a folder of its own. Nothing touches the machine's network.
+"""
+import contextlib
+import json
+import os
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+
+ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+BUILD = os.environ.get("ZUL_BUILD", os.path.join(ROOT, "build", "release"))
+ZUL = os.path.join(BUILD, "bin", "zul")
+ZULD = os.path.join(BUILD, "bin", "ZULd")
+TAPEWALK = os.path.join(ROOT, "tests", "tools", "tapewalk")
+
+
+def run(*words, check=True, **options):
+    done = subprocess.run([str(word) for word in words], capture_output=True, text=True, errors="surrogateescape",
+                          **options)
+    if check and done.returncode != 0:
+        raise AssertionError(f"{' '.join(map(str, words))}: exit {done.returncode}\n{done.stdout}{done.stderr}")
+    return done
+
+
+def eventually(condition, seconds=20, what="a condition"):
+    end = time.monotonic() + seconds
+    while True:
+        value = condition()
+        if value:
+            return value
+        if time.monotonic() >= end:
+            raise AssertionError(f"{what}: not within {seconds} s")
+        time.sleep(0.02)
+
+
+class Host:
+    """One machine of the lab."""
+
+    def __init__(self, lab, number):
+        self.lab, self.name, self.address = lab, f"h{number}", f"10.77.0.{number}"
+        self.namespace = f"{lab.prefix}{self.name}"
+        self.home = os.path.join(lab.folder, self.name, "home")
+        self.tree = os.path.join(lab.folder, self.name, "tree")
+        self.daemon = None
+
+    def command(self, *words):
+        """The words, run on this host: its network, its node name."""
+        return ["ip", "netns", "exec", self.namespace, "unshare", "--uts", "--", "sh", "-c",
+                f'hostname {self.name}; exec "$@"', "sh", *map(str, words)]
+
+    def run(self, *words, check=True, **options):
+        return run(*self.command(*words), check=check, **options)
+
+    def zul(self, *words, check=True, **options):
+        return self.run(ZUL, "--home", self.home, *words, check=check, **options)
+
+    def request(self, line, check=True):
+        return self.zul("request", line, check=check).stdout
+
+    def install(self, behaviour="sound"):
+        os.makedirs(os.path.dirname(self.home), exist_ok=True)
+        self.run(ZUL, "--home", self.home, "init", *(["--classic"] if behaviour == "classic" else []))
+        # One site, one secret.
+        secret = os.path.join(self.lab.folder, "ZULsecret")
+        if os.path.exists(secret):
+            shutil.copy2(secret, os.path.join(self.home, "etc", "ZULsecret"))
+        else:
+            shutil.copy2(os.path.join(self.home, "etc", "ZULsecret"), secret)
+
+    def start(self):
+        self.log = open(os.path.join(self.lab.folder, self.name, "ZULd.log"), "a")
+        self.daemon = subprocess.Popen(self.command(ZULD, "--home", self.home), stdin=subprocess.DEVNULL,
+                                       stdout=self.log, stderr=self.log)
+        eventually(lambda: self.zul("status", check=False).returncode == 0, 20, f"ZULd on {self.name}")
+
+    def stop(self):
+        if self.daemon and self.daemon.poll() is None:
+            self.daemon.terminate()
+            self.daemon.wait(20)
+        self.daemon = None
+
+    def settings(self, text):
+        """Adds lines to the site file; daemons read it when a request starts."""
+        with open(os.path.join(self.home, "etc", "ZULsite"), "a") as site:
+            site.write(text + "\n")
+
+    def path(self, *parts):
+        return os.path.join(self.home, *parts)
+
+    def read(self, *parts):
+        with open(self.path(*parts), errors="surrogateescape") as handle:
+            return handle.read()
+
+    def processes(self):
+        """Pids of everything that runs on this host."""
+        listed = run("ip", "netns", "pids", self.namespace).stdout.split()
+        return [int(pid) for pid in listed]
+
+    def processes_named(self, tag):
+        found = []
+        for pid in self.processes():
+            with contextlib.suppress(OSError), open(f"/proc/{pid}/cmdline", "rb") as handle:
+                if tag.encode() in handle.read():
+                    found.append(pid)
+        return found
+
+
+class Lab:
+    """Makes the hosts, and takes everything down again whatever happened."""
+
+    def __init__(self, count, folder, behaviour="sound"):
+        self.prefix = f"zl{os.getpid() % 100000}"
+        self.folder = str(folder)
+        self.switch = f"{self.prefix}sw"
+        self.hosts = [Host(self, number) for number in range(1, count + 1)]
+        self.behaviour = behaviour
+
+    def __enter__(self):
+        try:
+            self.up()
+        except BaseException:
+            self.down()
+            raise
+        return self
+
+    def __exit__(self, *_):
+        self.down()
+
+    def up(self):
+        run("ip", "netns", "add", self.switch)
+        run("ip", "-n", self.switch, "link", "add", "br0", "type", "bridge", "mcast_snooping", "0")
+        run("ip", "-n", self.switch, "link", "set", "br0", "up")
+        names = "127.0.0.1 localhost\n" + "".join(f"{host.address} {host.name}\n" for host in self.hosts)
+        for number, host in enumerate(self.hosts, 1):
+            folder = f"/etc/netns/{host.namespace}"
+            os.makedirs(folder, exist_ok=True)
+            with open(f"{folder}/hosts", "w") as hosts:
+                hosts.write(names)
+            run("ip", "netns", "add", host.namespace)
+            run("ip", "link", "add", "eth0", "netns", host.namespace, "type", "veth", "peer", "name", f"p{number}",
+                "netns", self.switch)
+            run("ip", "-n", self.switch, "link", "set", f"p{number}", "master", "br0", "up")
+            run("ip", "-n", host.namespace, "link", "set", "lo", "up")
+            run("ip", "-n", host.namespace, "addr", "add", f"{host.address}/24", "brd", "10.77.0.255", "dev", "eth0")
+            run("ip", "-n", host.namespace, "link", "set", "eth0", "up")
+            run("ip", "-n", host.namespace, "route", "add", "224.0.0.0/4", "dev", "eth0")
+        for host in self.hosts:
+            host.install(self.behaviour)
+
+    def down(self):
+        for host in self.hosts:
+            with contextlib.suppress(Exception):
+                host.stop()
+            with contextlib.suppress(Exception):
+                for pid in host.processes():
+                    with contextlib.suppress(OSError):
+                        os.kill(pid, signal.SIGKILL)
+            run("ip", "netns", "del", host.namespace, check=False)
+            shutil.rmtree(f"/etc/netns/{host.namespace}", ignore_errors=True)
+        run("ip", "netns", "del", self.switch, check=False)
+
+    def __getitem__(self, number):
+        """lab[1] is h1."""
+        return self.hosts[number - 1]
+
+
+def make_tree(folder, seed, files=40, big=()):
+    """A small tree with every kind of entry that can be made here; big: sizes of further files."""
+    import random
+    dice = random.Random(seed)
+    os.makedirs(folder)
+    for sub in ("a", "a/b", "empty", "name with blanks", "colon:name", "\u00e4\u00f6\u00fc"):
+        os.makedirs(os.path.join(folder, sub))
+    for number in range(files):
+        sub = dice.choice(("", "a", "a/b", "name with blanks", "colon:name"))
+        with open(os.path.join(folder, sub, f"f{number}"), "wb") as out:
+            out.write(dice.randbytes(dice.choice((0, 1, 511, 512, 513, 8191, 8192, 8193, dice.randrange(60000)))))
+    for number, size in enumerate(big):
+        with open(os.path.join(folder, f"big{number}"), "wb") as out:
+            out.write(dice.randbytes(size))
+    os.symlink("a/f1", os.path.join(folder, "link"))
+    os.symlink("nowhere at all", os.path.join(folder, "dangling"))
+    os.symlink("x" * 300, os.path.join(folder, "long-link"))
+    with open(os.path.join(folder, "bytes-\udcff\udcfe"), "wb") as out:
+        out.write(b"a name that is no text")
+    os.chmod(os.path.join(folder, "a"), 0o750)
+    os.utime(os.path.join(folder, "f-old") if os.path.exists(os.path.join(folder, "f-old")) else folder, (1, 1000000000))
+
+
+def image_of(host, cartridge):
+    return host.path("var", "vtape", "shelf", f"{cartridge}.tap")
+
+
+def tapewalk(image, *words, check=True):
+    return run(sys.executable, TAPEWALK, image, *words, check=check)
+
+
+def tape_summary(image, *words):
+    return json.loads(run(sys.executable, TAPEWALK, image, "--json", *words, check=False).stdout)

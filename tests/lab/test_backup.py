@@ -1,0 +1,282 @@
+"""Whole backups of several hosts onto one tape, judged by tapewalk."""
+import json
+import os
+import signal
+import subprocess
+
+import pytest
+
+from lab import eventually, image_of, make_tree, run, tape_summary, tapewalk
+
+CARTRIDGE = "night1"
+DRIVE = 5  # beside the drive that "zul init" makes
+
+
+def define(tape_host, members, trees, job=7, size="256M"):
+    """Drive, tape, group, backup list and job, as an operator would."""
+    tape_host.zul("vtape", "make", CARTRIDGE, "--size", size)
+    tape_host.zul("vtape", "unload", "--drive", "vtape0")
+    tape_host.zul("vtape", "load", CARTRIDGE, "--drive", "vtape0")
+    tape_host.request("TAPE add tape 0:0:0:0:night-one")
+    tape_host.request(f"TAPE add group 1:{','.join(host.name for host in members)}:all hosts")
+    tape_host.request(f"TAPE add jobids {job}:1:2592000:0:0:0:nightly")
+    for tree in trees:
+        tape_host.request(f"TAPE add backuplist {job} {tree}/")
+
+
+def follow(tape_host, job=7, check=True, timeout=120):
+    return tape_host.zul("follow", str(job), check=check, timeout=timeout)
+
+
+def progress(tape_host, job=7):
+    return json.loads(tape_host.read("var", "tape", "jobids", f"{job}.status.progress"))
+
+
+def nothing_left(hosts, before):
+    """No mailbox, no worker, no listening data port, no shared segment more than before."""
+    for host in hosts:
+        assert not [name for name in os.listdir(host.path("tmp")) if name.startswith("ipc.") and
+                    not name.endswith(".lock")], host.name
+        listening = host.run("ss", "-Hltn", "sport = :2346", check=False).stdout
+        assert listening == "", f"{host.name}: {listening}"
+    assert segments() <= before
+
+
+def segments():
+    with open("/proc/sysvipc/shm") as table:
+        return len(table.readlines())
+
+
+def test_three_hosts_interleave_on_one_tape_and_every_listing_agrees(make_lab):
+    lab = make_lab(3)
+    before = segments()
+    for number, host in enumerate(lab.hosts, 1):
+        make_tree(host.tree, number, files=150, big=(3 << 20, (1 << 20), (1 << 20) + 1, (2 << 20) - 1))
+        host.start()
+    h1 = lab[1]
+    define(h1, lab.hosts, [host.tree for host in lab.hosts])
+    h1.request("TAPE backup 7 0")
+    follow(h1)
+    image = image_of(h1, CARTRIDGE)
+    tapewalk(image, "--zero-padding")
+    summary = tape_summary(image)
+    (volume,) = summary["volumes"]
+    # The file system is shared, so every host sent all three trees.
+    for host in lab.hosts:
+        words = [word for each in lab.hosts for word in ("--compare", each.tree)]
+        tapewalk(image, "--host", host.name, *words)
+    assert volume["interleaves"] > 100, "packages of the hosts are interleaved"
+
+    assert h1.request("TAPE get tapes 0") == "0:night-one\n"
+    header = h1.request("TAPE get header 0")
+    assert "TapeName=night-one\n" in header and "TapeNum#=0\n" in header and "TapeHost=h1\n" in header
+    volumes = h1.request("TAPE get vols 0 0")
+    assert volumes.startswith("0:") and volumes.endswith(":0:nightly\n")
+    history = h1.request("TAPE get hhist h2").split(",")
+    kilobytes = sum(host["bytes"] for host in volume["hosts_on_tape"].values()) // 1024
+    assert history[:8] == ["7", "1", "0", "1", "1", "0", "0", "1"]
+    assert kilobytes <= int(history[8]) <= kilobytes * 1.2 + 1000
+    listing = h1.request(f"TAPE get cat 0 0 1 h3 {lab[3].tree}/").splitlines()
+    wanted = {f"0:{name}/" if os.path.isdir(os.path.join(lab[3].tree, name)) else f"0:{name}"
+              for name in map(os.fsdecode, os.listdir(os.fsencode(lab[3].tree)))} | {"0:."}
+    assert set(listing) == wanted
+    # The volume list names exactly the packages on tape, in their order.
+    lines = h1.read("var", "tape", "drive.0", "tape.0", "vol.1").splitlines()
+    assert len(lines) == len(set(lines))
+    assert len(lines) == sum(1 for line in tapewalk(image, "--headers").stdout.splitlines()
+                             if line.startswith("{'type'"))
+    nothing_left(lab.hosts, before)
+
+
+def test_a_second_volume_goes_behind_the_first(make_lab):
+    lab = make_lab(2)
+    for number, host in enumerate(lab.hosts, 1):
+        make_tree(host.tree, number)
+        host.start()
+    h1 = lab[1]
+    define(h1, lab.hosts, [lab[1].tree, lab[2].tree])
+    for _ in range(2):
+        # Within the same minute: the ports of the first job must not stand in the way.
+        h1.request("TAPE backup 7 0")
+        follow(h1)
+    summary = tape_summary(image_of(h1, CARTRIDGE))
+    assert [volume["volume"] for volume in summary["volumes"]] == [1, 3]
+    for volume in ("1", "3"):
+        tapewalk(image_of(h1, CARTRIDGE), "--volume", volume, "--host", "h2", "--compare", lab[2].tree)
+    assert len(h1.request("TAPE get vols 0 0").splitlines()) == 2
+
+
+def test_ten_hosts_with_one_down_and_one_killed_midway(make_lab):
+    lab = make_lab(10)
+    before = segments()
+    for number, host in enumerate(lab.hosts, 1):
+        make_tree(host.tree, number, files=30, big=(40 << 20,) if host.name == "h4" else ())
+        if host.name != "h6":
+            host.start()
+    h1, h4 = lab[1], lab[4]
+    define(h1, lab.hosts, [host.tree for host in lab.hosts], size="2G")
+    h1.request("TAPE backup 7 0")
+
+    def h4_is_under_way():
+        hosts = {each["host"]: each for each in progress(h1)["hosts"]} if os.path.exists(
+            h1.path("var/tape/jobids/7.status.progress")) else {}
+        return hosts.get("h4", {}).get("files", 0) > 3
+    eventually(h4_is_under_way, 60, "files of h4")
+    for pid in h4.processes():
+        os.kill(pid, signal.SIGKILL)
+    done = follow(h1, check=False)
+    assert done.returncode == 1, done.stdout + done.stderr
+    ended = progress(h1)
+    states = {each["host"]: each["state"] for each in ended["hosts"]}
+    assert states.pop("h4") == "failed" and states.pop("h6") == "failed"
+    assert set(states.values()) == {"done"}
+    assert all(each["error"] for each in ended["hosts"] if each["state"] == "failed")
+    image = image_of(h1, CARTRIDGE)
+    tapewalk(image, "--allow-torn")
+    for host in lab.hosts:
+        if host.name not in ("h4", "h6"):
+            tapewalk(image, "--allow-torn", "--host", host.name, "--compare", host.tree, "--compare", lab[4].tree)
+    assert h1.request("TAPE get hhist h2").split(",")[3] == "2", "the history says that hosts failed"
+    status = h1.read("var", "tape", "jobids", "7.status")
+    assert "h4" in status and "h6" in status and "Completed backup job# 7" not in status
+    nothing_left([host for host in lab.hosts if host.name != "h4"], before)
+    # The tape goes on: a later job of the hosts that live finds its place.
+    h1.request("TAPE mod group 1 1:h1,h2:two")
+    h1.request("TAPE backup 7 0")
+    follow(h1)
+    tapewalk(image, "--allow-torn", "--volume", "3", "--host", "h2", "--compare", lab[2].tree)
+
+
+def test_a_gathering_child_killed_with_9_fails_its_host_only(make_lab):
+    lab = make_lab(2)
+    for number, host in enumerate(lab.hosts, 1):
+        make_tree(host.tree, number, files=20, big=(200 << 20,) if host.name == "h2" else ())
+        host.start()
+    h1 = lab[1]
+    define(h1, lab.hosts, [lab[1].tree, lab[2].tree], size="1G")
+    h1.request("TAPE backup 7 0")
+    job = eventually(lambda: os.path.exists(h1.path("var/tape/jobids/7.status.progress")) and progress(h1)["pid"])
+
+    def child_of_h2():
+        hosts = {each["host"]: each for each in progress(h1)["hosts"]}
+        if hosts["h2"]["files"] < 2:
+            return None
+        children = open(f"/proc/{job}/task/{job}/children").read().split()
+        for pid in children:
+            with open(f"/proc/{pid}/fd/1") as _:
+                links = [os.readlink(f"/proc/{pid}/fd/{fd}") for fd in os.listdir(f"/proc/{pid}/fd")]
+            if any(link.endswith("ipc.h2") for link in links):
+                return int(pid)
+        return None
+    os.kill(eventually(child_of_h2, 60, "the child of h2"), signal.SIGKILL)
+    assert follow(h1, check=False).returncode == 1
+    states = {each["host"]: each["state"] for each in progress(h1)["hosts"]}
+    assert states == {"h1": "done", "h2": "failed"}
+    tapewalk(image_of(h1, CARTRIDGE), "--allow-torn", "--host", "h1", "--compare", lab[1].tree)
+
+
+def test_a_full_tape_ends_the_job_as_failed_and_keeps_what_was_written(make_lab):
+    lab = make_lab(2)
+    for number, host in enumerate(lab.hosts, 1):
+        make_tree(host.tree, number, files=10, big=(20 << 20,))
+        host.start()
+    h1 = lab[1]
+    define(h1, lab.hosts, [lab[1].tree], size="12M")
+    h1.request("TAPE backup 7 0")
+    assert follow(h1, check=False).returncode == 1
+    assert progress(h1)["result"] == -994
+    assert h1.request("TAPE get hhist h1").split(",")[3] == "0", "never completed"
+    tapewalk(image_of(h1, CARTRIDGE), "--allow-torn")
+
+
+def test_the_daemon_restarted_while_a_job_runs_finds_it_again(make_lab):
+    lab = make_lab(2)
+    for number, host in enumerate(lab.hosts, 1):
+        make_tree(host.tree, number, files=20, big=(150 << 20,) if host.name == "h2" else ())
+        host.start()
+    h1 = lab[1]
+    define(h1, lab.hosts, [lab[2].tree], size="1G")
+    h1.request("TAPE backup 7 0")
+    eventually(lambda: os.path.exists(h1.path("var/tape/jobids/7.status.progress")))
+    h1.stop()
+    h1.start()
+    jobs = json.loads(h1.request("HOST jobs json"))
+    assert [job["job"] for job in jobs] == [7]
+    follow(h1)
+    tapewalk(image_of(h1, CARTRIDGE), "--host", "h2", "--compare", lab[2].tree)
+
+
+def test_a_login_with_another_sites_secret_is_refused(make_lab):
+    lab = make_lab(2)
+    for number, host in enumerate(lab.hosts, 1):
+        make_tree(host.tree, number)
+        host.start()
+    h1, h2 = lab.hosts
+    h2.stop()
+    with open(h2.path("etc", "ZULsecret"), "w") as secret:
+        secret.write("00" * 32 + "\n")
+    h2.start()
+    define(h1, lab.hosts, [h1.tree])
+    h1.request("TAPE backup 7 0")
+    assert follow(h1, check=False).returncode == 1
+    states = {each["host"]: each for each in progress(h1)["hosts"]}
+    assert states["h1"]["state"] == "done" and states["h2"]["state"] == "failed"
+    assert "ERROR:  3224  Cannot start restore agent on remote host\n" in h1.read("var", "tape", "jobids", "h2.stat")
+
+
+def test_a_host_that_stalls_for_a_while_is_waited_for(make_lab):
+    lab = make_lab(2)
+    for number, host in enumerate(lab.hosts, 1):
+        make_tree(host.tree, number, files=20, big=(100 << 20,) if host.name == "h2" else ())
+        host.start()
+    h1, h2 = lab.hosts
+    define(h1, lab.hosts, [h2.tree], size="1G")
+    h1.request("TAPE backup 7 0")
+
+    def gatherer():
+        for pid in h2.processes():
+            listening = run("ls", "-l", f"/proc/{pid}/fd", check=False).stdout
+            if "request.7" in listening:
+                return pid
+        return None
+    pid = eventually(gatherer, 30, "the gatherer of h2")
+    os.kill(pid, signal.SIGSTOP)
+    with pytest.raises(subprocess.TimeoutExpired):
+        follow(h1, timeout=8)
+    os.kill(pid, signal.SIGCONT)
+    follow(h1)
+    tapewalk(image_of(h1, CARTRIDGE), "--host", "h2", "--compare", h2.tree)
+
+
+def test_a_group_of_103_members_ends_with_every_host_named(make_lab):
+    lab = make_lab(1)
+    (h1,) = lab.hosts
+    make_tree(h1.tree, 1)
+    h1.start()
+    define(h1, lab.hosts, [h1.tree])
+    # 102 names that resolve to nothing, and the one that lives, last.
+    members = ",".join([f"ghost{number}" for number in range(102)] + ["h1"])
+    h1.request(f"TAPE mod group 1 1:{members}:many")
+    h1.request("TAPE backup 7 0")
+    assert follow(h1, check=False, timeout=170).returncode == 1
+    states = [each["state"] for each in progress(h1)["hosts"]]
+    assert states == ["failed"] * 102 + ["done"]
+    tapewalk(image_of(h1, CARTRIDGE), "--host", "h1", "--compare", h1.tree)
+
+
+@pytest.mark.slow
+def test_classic_hosts_with_the_stated_pauses(make_lab):
+    lab = make_lab(3, behaviour="classic")
+    for number, host in enumerate(lab.hosts, 1):
+        make_tree(host.tree, number, files=60, big=(2 << 20,))
+        # What only sound hosts can carry stays out of this tree.
+        os.unlink(os.path.join(host.tree, "long-link"))
+        host.start()
+    h1 = lab[1]
+    define(h1, lab.hosts, [host.tree for host in lab.hosts])
+    h1.request("TAPE backup 7 0")
+    follow(h1, timeout=300)
+    image = image_of(h1, CARTRIDGE)
+    for host in lab.hosts:
+        tapewalk(image, "--host", host.name, *[word for each in lab.hosts for word in ("--compare", each.tree)])
+    assert "Completed backup job# 7 at " in h1.read("var", "tape", "jobids", "7.status")
