@@ -94,7 +94,7 @@ bool Store::lock(int limitMs) {
 }
 
 void Store::createIfMissing() {
-  if (usable_) Fd(open(path_, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666));
+  if (usable_) Fd(open(path_, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, createMode_));
 }
 
 bool Store::backUp(int (*copy)(const char *, const char *)) {
@@ -112,7 +112,7 @@ File Store::openBackup() {
 }
 
 bool Store::openLive(int flags) {
-  out_.reset(open(path_, O_WRONLY | O_CREAT | O_CLOEXEC | flags, 0666));
+  out_.reset(open(path_, O_WRONLY | O_CREAT | O_CLOEXEC | flags, createMode_));
   return static_cast<bool>(out_);
 }
 
@@ -132,8 +132,8 @@ bool Store::openTemporary() {
     errno = S_ISDIR(live.st_mode) ? EISDIR : EINVAL;
     return refuse("it is no file");
   }
-  out_.reset(
-      open(temporary_, O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, exists ? 0600 : 0666));
+  out_.reset(open(temporary_, O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC,
+                  exists ? 0600 : createMode_));
   if (!out_) {
     temporary_[0] = '\0';
     return refuse("cannot write beside it");

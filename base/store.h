@@ -25,6 +25,7 @@
 #pragma once
 #include <stddef.h>
 #include <stdio.h>
+#include <sys/types.h>
 
 #include "base/fd.h"
 #include "base/text.h"
@@ -44,6 +45,9 @@ class Store {
   ~Store();
   Store(const Store &) = delete;
   Store &operator=(const Store &) = delete;
+
+  // A store that is created is for its owner's eyes alone; else the process's mask decides.
+  void ownerOnly() { createMode_ = 0600; }
 
   const char *path() const { return path_; }
   const char *backup() const { return backup_; }
@@ -81,6 +85,7 @@ class Store {
   char target_[kPathMax];     // sound: what the rename replaces, path_ with links resolved
   char temporary_[kPathMax];  // sound: not empty while there is one to remove
   size_t unit_;
+  mode_t createMode_ = 0666;
   bool sound_;
   bool usable_ = false;
   bool failed_ = false;  // a step failed: nothing may take effect any more
