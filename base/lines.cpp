@@ -5,7 +5,7 @@
 namespace base {
 
 LineReader::LineReader(FILE *in, size_t limit) : in_(in), limit_(limit) {
-  failed_ = !grow();
+  outOfMemory_ = !grow();
 }
 
 LineReader::~LineReader() {
@@ -23,18 +23,17 @@ bool LineReader::grow() {
 
 bool LineReader::next() {
   length_ = 0;
-  if (failed_) return false;
+  if (outOfMemory_) return false;
   for (int c; (limit_ == kNoLimit || length_ < limit_) && (c = getc_unlocked(in_)) != EOF;) {
     if (length_ + 2 > room_ && !grow()) {
-      failed_ = true;
+      outOfMemory_ = true;
       return false;
     }
     text_[length_++] = static_cast<char>(c);
     if (c == '\n') break;
   }
   text_[length_] = '\0';
-  if (ferror(in_)) failed_ = true;
-  return length_ > 0 && !failed_;
+  return length_ > 0 && !ferror(in_);
 }
 
 }  // namespace base

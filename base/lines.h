@@ -18,10 +18,9 @@ class LineReader {
   LineReader(const LineReader &) = delete;
   LineReader &operator=(const LineReader &) = delete;
 
-  // The next line; false at the end of the stream, after a read error, or out of memory (see
-  // failed()).
+  // The next line; false at the end of the stream, at a read error (see ferror) and out of memory.
   bool next();
-  bool failed() const { return failed_; }
+  bool outOfMemory() const { return outOfMemory_; }
 
   // The line with its line feed, followed by a NUL. May be modified in place until next().
   char *text() { return text_; }
@@ -38,7 +37,7 @@ class LineReader {
   char *text_ = nullptr;
   size_t length_ = 0;
   size_t room_ = 0;
-  bool failed_ = false;
+  bool outOfMemory_ = false;
 };
 
 }  // namespace base

@@ -1,3 +1,6 @@
+// How stores are changed: classic in place, sound by a temporary that is renamed over the store.
+// Used by every operation that changes a table, an index or a list of the site, in the process of
+// the request or job.
 #include "base/store.h"
 
 #include <errno.h>

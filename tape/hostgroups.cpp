@@ -74,23 +74,19 @@ struct Member {
   char name[64];
 };
 struct Cache {
+  bool loaded;
   int group;
-  int count;  // -1 - the number of members, so that the zeroed cache of a fresh process holds no
-              // group
+  int count;
   Member *members;
 };
 Cache cache;
-
-int cachedCount() {
-  return -1 - cache.count;
-}
 
 void emptyCache() {
   while (Member *member = cache.members) {
     cache.members = member->next;
     free(member);
   }
-  cache.count = 0;
+  cache.loaded = false;
 }
 
 // Reads on to the line of a group: its text behind the number, or null at the end of the table. Any
@@ -161,7 +157,7 @@ Line nextGroup(base::LineReader &lines, char **field) {
     if (lines.isCommentOrBlank()) continue;
     return insplit(field, lines.text(), ':', kFields) == kFields ? Line::group : Line::badFormat;
   }
-  return lines.failed() ? Line::noMemory : Line::ended;
+  return lines.outOfMemory() ? Line::noMemory : Line::ended;
 }
 
 bool isMember(char *members, const char *host) {
@@ -245,21 +241,22 @@ long getGroupFileSize(void) {
 }
 
 int getGrpMember(int group, int index, char *host) {
-  if (cache.group != group || cachedCount() < 0) {
+  if (!cache.loaded || cache.group != group) {
     emptyCache();
-    cache.group = group;
     int count = loadGroup(group);
     if (count < 0) {
       emptyCache();
       return count;
     }
-    cache.count = -1 - count;
+    cache.loaded = true;
+    cache.group = group;
+    cache.count = count;
   }
-  if (index < 1 || index > cachedCount()) return -3;
+  if (index < 1 || index > cache.count) return -3;
   const Member *member = cache.members;
   for (int at = 1; at < index; at++) member = member->next;
   base::copyText(host, nameWidth(31) + 1, member->name);
-  return cachedCount();
+  return cache.count;
 }
 
 int getGroupHosts(int group, char *hosts) {
@@ -301,7 +298,7 @@ int getHostGrps(const char *host, int *groups) {
   base::LineReader lines(table.get(), stores::lineLimit(4605));
   char *field[kFields + 1];
   int count = 0;
-  while (count < kMostGroups) {
+  for (;;) {
     switch (nextGroup(lines, field)) {
       case Line::noMemory:
         base::printBoth("ERROR:  8073  Out of memory!\n");
@@ -314,7 +311,7 @@ int getHostGrps(const char *host, int *groups) {
       case Line::group:
         break;
     }
+    if (count == kMostGroups) return count;
     if (isMember(field[1], host)) groups[count++] = base::decimal(field[0]);
   }
-  return count;
 }

@@ -79,7 +79,7 @@ int pruneList(base::Store &list, FILE *old, const char *job, const char *entry) 
   bool good = true;
   while (good && lines.next())
     if (!isListEntry(lines, lines.text(), entry)) good = list.put(lines.text(), lines.length());
-  if (good && !lines.failed() && list.commit()) return 0;
+  if (good && !lines.outOfMemory() && !ferror(old) && list.commit()) return 0;
   base::printBoth("ERROR:  8055  Failed to update the backuplist for jobid %s\n", job);
   return -1;
 }

@@ -1,3 +1,5 @@
+// The rules that the configuration stores share: keys, line lengths, and their two kinds of
+// rewrite. Called by the stores' own sources, in the process of a configuration request.
 #include "tape/storerules.h"
 
 #include <ctype.h>
@@ -112,7 +114,9 @@ TableResult rewriteTable(base::Store &table, FILE *old, TableChange &change) {
     TableResult result = changeLine(table, lines, change, found);
     if (result != TableResult::done) return result;
   }
-  if (lines.failed()) return TableResult::noMemory;
+  if (lines.outOfMemory()) return TableResult::noMemory;
+  // A copy that could not be read to its end is not the whole table.
+  if (ferror(old)) return TableResult::notWritten;
   return found ? TableResult::done : TableResult::notFound;
 }
 
@@ -133,8 +137,8 @@ RecordResult rewriteRecords(base::Store &index, FILE *old, int key, const void *
       return RecordResult::freshNotWritten;
     }
   }
-  // A copy that cannot be read to its end must not become the index.
-  if (ferror(old) && base::sound(base::Area::stores)) return RecordResult::otherNotWritten;
+  // A copy that could not be read to its end is not the whole index.
+  if (ferror(old)) return RecordResult::otherNotWritten;
   return index.commit() ? RecordResult::done : RecordResult::freshNotWritten;
 }
 

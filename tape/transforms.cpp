@@ -17,7 +17,6 @@
 
 namespace {
 
-constexpr char kDeleted[] = "DeLeTeMe";
 constexpr size_t kRewriteLine =
     515;                           // longest line of a rewrite or a listing, its line feed counted
 constexpr size_t kLoadLine = 511;  // and of the table that is loaded
@@ -43,13 +42,13 @@ bool isTransformOf(const char *line, const char *prefix) {
 
 bool copyTransforms(base::Store &file, base::LineReader &lines, const char *prefix,
                     char *const fresh[2]) {
-  bool dropped = strncmp(fresh[0], kDeleted, strlen(kDeleted)) == 0;
+  bool dropped = strncmp(fresh[0], "DeLeTeMe", 8) == 0;
   while (lines.next()) {
     bool replaced = lines.text()[0] != '#' && isTransformOf(lines.text(), prefix);
     if (!replaced && !file.put(lines.text(), lines.length())) return false;
     if (replaced && !dropped && !file.putText("%s>%s\n", fresh[0], fresh[1])) return false;
   }
-  return !lines.failed();
+  return !lines.outOfMemory();
 }
 
 // Replaces the transforms of prefix by a new pair, or drops them. 0, -1, or -2 out of memory.
@@ -69,11 +68,11 @@ int replaceTransforms(int job, const char *prefix, char *const fresh[2]) {
     return -1;
   }
   base::LineReader lines(old.get(), stores::lineLimit(kRewriteLine));
-  if (lines.failed()) {
+  if (lines.outOfMemory()) {
     base::print(stderr, "ERROR:  Cannot allocate a buffer big enough!\n");
     return -2;
   }
-  if (!copyTransforms(file, lines, prefix, fresh) || !file.commit())
+  if (!copyTransforms(file, lines, prefix, fresh) || ferror(old.get()) || !file.commit())
     return stores::notWritten(file);
   return 0;
 }
@@ -137,7 +136,7 @@ int getTrans(const char *job) {
   base::File file(fopen(transPath(base::decimal(job)), "re"));
   if (!file) return 0;
   base::LineReader lines(file.get(), stores::lineLimit(kRewriteLine));
-  if (lines.failed()) {
+  if (lines.outOfMemory()) {
     base::print(stderr, "ERROR:  Cannot allocate a buffer big enough!\n");
     return -1;
   }
@@ -193,14 +192,18 @@ int modTrans(const char *job, char *args) {
 }
 
 int delTrans(const char *job, const char *prefix) {
-  char args[512];
-  snprintf(args, sizeof args, "%s %s>%s", prefix, kDeleted, kDeleted);
-  char deleted[] = "DeLeTeMe";
-  char *const fresh[2] = {deleted, deleted};
-  // A prefix with a blank in it would be split there, and what follows taken for the replacement.
-  int result = !soundStores()            ? modTrans(job, args)
-               : stores::keyRefused(job) ? -1
-                                         : replaceTransforms(base::decimal(job), prefix, fresh);
+  int result;
+  if (soundStores()) {
+    // Put into words, a prefix with a blank in it would be split there and its rest taken for a new
+    // prefix.
+    char deleted[] = "DeLeTeMe";
+    char *const fresh[2] = {deleted, deleted};
+    result = stores::keyRefused(job) ? -1 : replaceTransforms(base::decimal(job), prefix, fresh);
+  } else {
+    char args[512];
+    snprintf(args, sizeof args, "%s DeLeTeMe>DeLeTeMe", prefix);
+    result = modTrans(job, args);
+  }
   if (result == 0) return 0;
   base::print(stderr, "ERROR:  Cannot delete entry: %s\n", prefix);
   return -1;
