@@ -10,11 +10,13 @@
 
 namespace base {
 
+// Objects are static: they begin as zeros, and an initialiser here would make a constructor run at
+// load time.
 struct AlarmGuard {
-  sigjmp_buf back;                    // where the dialogue resumes, filled by sigsetjmp(back, 1)
-  volatile sig_atomic_t armed = 0;    // a dialogue is active: back is alive
-  volatile sig_atomic_t held = 0;     // depth of hold()
-  volatile sig_atomic_t pending = 0;  // an alarm came while held
+  sigjmp_buf back;                // where the dialogue resumes, filled by sigsetjmp(back, 1)
+  volatile sig_atomic_t armed;    // a dialogue is active: back is alive
+  volatile sig_atomic_t held;     // depth of hold()
+  volatile sig_atomic_t pending;  // an alarm came while held
 
   void hold() { held = held + 1; }
   void release() {

@@ -1,0 +1,307 @@
+// The gatherer's side of the dialogue: lines in, headers and files out. docs/protocols/stream.md
+// has both sides.
+//
+// It runs in the gatherer on a client host, and in a sending process of a replication. When a step
+// takes too long, SIGALRM jumps back into servHandshak; see gatherer.h for what that asks of the
+// code.
+#include <errno.h>
+#include <stdarg.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <zul/host.h>
+#include <zul/net.h>
+#include <zul/tape.h>
+
+#include "base/log.h"
+#include "base/pause.h"
+#include "base/process.h"
+#include "base/site.h"
+#include "base/text.h"
+#include "net/accept.h"
+#include "net/gatherer.h"
+#include "net/requestlist.h"
+#include "net/stream.h"
+#include "net/timeouts.h"
+
+namespace net {
+
+base::AlarmGuard gathererGuard;
+
+void note(const char *format, ...) {
+  if (!backuplog) return;
+  int kept = errno;
+  gathererGuard.hold();
+  va_list args;
+  va_start(args, format);
+  vfprintf(backuplog, format, args);
+  va_end(args);
+  gathererGuard.release();
+  errno = kept;
+}
+
+namespace {
+
+constexpr size_t kCommandMax = 512;
+constexpr int kTimedOut = -7;
+
+// The dialogue of this process. Static, so that the return point of the alarm finds it as it was
+// left.
+struct Dialogue {
+  int repmode;
+  int sd;
+  FILE *list;
+  const char *listPath;
+  char **transforms;
+  Source source;                 // the current file
+  bool described;                // source holds the answer to a "Next"
+  bool broken;                   // the connection failed, and that was said
+  char directory[kNameMax + 1];  // the last directory that was offered
+};
+Dialogue dialogue;
+
+// Until a command is there. 0, or the negative result of a read that failed.
+ssize_t readCommand(char *line) {
+  ssize_t count;
+  memset(line, 0, kCommandMax);
+  while ((count = readnline(dialogue.sd, line, kCommandMax)) == 0)
+    base::pauseFor(base::Pause::EmptyRead);
+  return count < 0 ? count : 0;
+}
+
+bool peerIsGone() {
+  char byte;
+  return recv(dialogue.sd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
+}
+
+// The next path of the list without the remedies: where the list ends, everything is sent.
+Listed nextClassic(char **path) {
+  gathererGuard.hold();
+  *path = getLineList(dialogue.list);
+  gathererGuard.release();
+  return *path ? Listed::entry : Listed::end;
+}
+
+// The next path of a list that may still be written. The peer gives up after a minute without an
+// answer, and a walk over files that did not change is longer than that: so, when a directory has
+// been offered, it is offered again now and then, which costs a header and changes nothing that is
+// backed up.
+Listed nextAwaited(char **path) {
+  long long nudgeMs = base::nowMs() + timeouts.nudgeMs;
+  long long armedMs = base::nowMs();
+  for (;;) {
+    gathererGuard.hold();
+    Listed listed = nextListed(dialogue.list, path);
+    gathererGuard.release();
+    if (listed == Listed::incomplete)
+      note("ERROR:  The request list is incomplete, its generator failed: %s\n", dialogue.listPath);
+    if (listed != Listed::later) return listed;
+    if (peerIsGone()) {
+      note("ERROR:  The peer closed the connection while the request list was being written\n");
+      return Listed::incomplete;
+    }
+    if (base::nowMs() >= nudgeMs && !dialogue.repmode && dialogue.directory[0]) {
+      *path = dialogue.directory;
+      return Listed::entry;
+    }
+    // The generator is alive, so this is no step that hangs.
+    if (base::nowMs() - armedMs >= 1000) {
+      base::setAlarmTimer(timeouts.stepS);
+      armedMs = base::nowMs();
+    }
+  }
+}
+
+// Whether an entry can travel at all; said when it cannot.
+bool canBeOffered(const char *path) {
+  if (strlen(path) <= kNameMax) return true;
+  // Cut to what a header holds it would name another file.
+  note("NOTICE:  Path is longer than %i characters, skipping: %s\n", static_cast<int>(kNameMax),
+       path);
+  return false;
+}
+
+bool canBeSent(const Source &source) {
+  // The peer would count on the low 32 bits of the size and take the rest of the file for headers.
+  // Receivers with the stream remedies read the high word too.
+  if (!tooLargeForStream(source.header) || source.pinned) return true;
+  note("NOTICE:  File %s is too large for the stream form, skipping.\n", source.path);
+  return false;
+}
+
+// Ends the list for the peer. 0, or -4.
+int sendEndOfList() {
+  char raw[PACK_SIZE];
+  note("Nothing more to backup/replicate\n");
+  dialogue.source.header.magic = PACK_EOL_MAGIC;
+  if (packPackage(raw, &dialogue.source.header) < 0) {
+    note("WARNING:  3008  Package error\n");
+    return -4;
+  }
+  writen(dialogue.sd, raw, sizeof raw);
+  return 0;
+}
+
+constexpr int kGoOn = 1;
+
+// "Next". kGoOn, or how the dialogue ends.
+int answerNext() {
+  Source &source = dialogue.source;
+  bool awaited = base::sound(base::Area::stream);
+  releaseSource(&source);
+  dialogue.described = false;
+  do {
+    char *path;
+    Listed listed = awaited ? nextAwaited(&path) : nextClassic(&path);
+    // Called the end, it would pass a part of the host for all of it.
+    if (listed == Listed::incomplete) return -1;
+    if (listed == Listed::end) return sendEndOfList();
+    if (!canBeOffered(path)) continue;
+    int result = describeSource(&source, dialogue.repmode, path, dialogue.transforms);
+    if (result < 0) {
+      note("WARNING:  3010  Can't stat file: %s.  returned %i.  Skipping.\n", source.path, result);
+      return -3;
+    }
+    dialogue.described = canBeSent(source);
+  } while (!dialogue.described);
+  if (source.header.type == 1)
+    base::copyText(dialogue.directory, sizeof dialogue.directory, source.path);
+  char raw[PACK_SIZE];
+  if (packPackage(raw, &source.header) < 0) {
+    note("WARNING:  3011  Package error\n");
+    return -4;
+  }
+  writen(dialogue.sd, raw, sizeof raw);
+  return kGoOn;
+}
+
+// "Get". What comes of it stands in the log.
+void answerGet() {
+  Source &source = dialogue.source;
+  if (source.pinned && dialogue.described) {
+    base::setAlarmTimer(timeouts.fileS);
+    sendSource(&source, dialogue.sd);
+  } else {
+    sendFile(dialogue.repmode, dialogue.sd, source.path, dialogue.transforms);
+  }
+}
+
+// Carries out one command. kGoOn, or how the dialogue ends.
+int obey(const char *line) {
+  if (strncmp(line, "Next", 4) == 0) return answerNext();
+  if (strncmp(line, "Get", 3) == 0) {
+    answerGet();
+  } else if (strncmp(line, "Quit", 4) == 0) {
+    gathererGuard.hold();
+    prntFileData(&dialogue.source.header);
+    gathererGuard.release();
+    return 0;
+  } else if (strncmp(line, "Idle", 4) == 0) {
+    base::pauseFor(base::Pause::Idle);
+  } else {
+    note("WARNING:  3014  Command error, continuing anyway got: %s \n", line);
+  }
+  return kGoOn;
+}
+
+int converse() {
+  for (;;) {
+    // A connection that failed for good is left to the timer that is running, and spoken of once.
+    if (!dialogue.broken && base::setAlarmTimer(timeouts.stepS) != 0) return -1;
+    char line[kCommandMax];
+    ssize_t result = readCommand(line);
+    if (dialogue.broken) {
+      base::pauseFor(base::Pause::EmptyRead);
+      continue;
+    }
+    int outcome = obey(line);
+    if (outcome != kGoOn) return outcome;
+    // A time-out leaves the connection as it was; every other failure will come again at once.
+    dialogue.broken = result < 0 && result != -2;
+  }
+}
+
+// Accepts the connection where there is none yet. 0 or -1.
+int greet(int listening) {
+  if (dialogue.repmode) {
+    nagleOnOff(dialogue.sd, 1);  // headers are answers somebody waits for
+    return 0;
+  }
+  dialogue.sd = acceptPeer(listening, -1);
+  if (dialogue.sd < 0) return -1;
+  // Kept open, the port would be refused to every other job as long as this one runs.
+  if (base::sound(base::Area::stream)) close(listening);
+  return 0;
+}
+
+void hangUp() {
+  releaseSource(&dialogue.source);
+  if (dialogue.sd >= 0) close(dialogue.sd);
+  if (dialogue.list) fclose(dialogue.list);
+  dialogue.sd = -1;
+  dialogue.list = nullptr;
+}
+
+// Everything that takes locks or memory and is not needed again: the site file is read here, not
+// under the alarm.
+int prepare(int repmode, int sd, const char *path, char **transforms) {
+  memset(&dialogue, 0, sizeof dialogue);
+  dialogue.source.fd = -1;
+  dialogue.source.pinned = base::sound(base::Area::stream);
+  dialogue.repmode = repmode;
+  dialogue.sd = repmode ? sd : -1;
+  dialogue.transforms = transforms;
+  base::ignoreSigpipe();
+  dialogue.listPath = path;
+  dialogue.list = openRequestList(path);
+  if (dialogue.list) return 0;
+  note("WARNING: 3006  Can't open request list: %s\n", path);
+  return -1;
+}
+
+}  // namespace
+
+}  // namespace net
+
+// Plain data only: the alarm jumps back into this frame.
+int servHandshak(int repmode, int sd, const char *path, char **transforms) {
+  using net::dialogue;
+  using net::gathererGuard;
+  gathererGuard.reset();
+  static struct sigaction previous;
+  if (base::catchAlarm(stimo_handler, &previous) != 0) {
+    net::note("WARNING:  3005   Failed to install signal handler.\n");
+    return -1;
+  }
+  int result = net::prepare(repmode, sd, path, transforms);
+  if (result == 0) {
+    if (sigsetjmp(gathererGuard.back, 1) != 0) {
+      gathererGuard.reset();
+      net::hangUp();
+      // Left running: what follows the dialogue may hang as well, and a late alarm finds the guard
+      // closed.
+      base::setAlarmTimer(net::timeouts.fileS);
+      return net::kTimedOut;
+    }
+    gathererGuard.armed = 1;
+    // The peer may have died before it connected: it is waited for under the same limit.
+    result = base::setAlarmTimer(net::timeouts.stepS) == 0 ? net::greet(sd) : -1;
+    if (result == 0) result = net::converse();
+    gathererGuard.reset();
+    base::setAlarmTimer(0);
+    net::hangUp();
+  }
+  sigaction(SIGALRM, &previous, nullptr);
+  return result;
+}
+
+void stimo_handler(int) {
+  if (net::gathererGuard.mustWait()) return;
+  static constexpr char kText[] =
+      "ERROR:  3032  The ZULd file gatherer has grown tired of waiting.  Exiting\n";
+  // Straight to the descriptor: the stream may be in use by what is being interrupted.
+  if (write(STDERR_FILENO, kText, sizeof kText - 1) < 0) {
+    // The console is often gone by now.
+  }
+  siglongjmp(net::gathererGuard.back, 1);
+}
