@@ -66,7 +66,7 @@ bool sendLines(int sd, FILE *list) {
   // Behind a last line without its end the end mark would become a part of a path, and the member
   // would store that path and wait for more.
   if (!ended && base::sound(base::Area::backup) && !sendAll(sd, "\n", 1)) return false;
-  return !line.failed();
+  return !line.outOfMemory() && !ferror(list);
 }
 
 // The bytes that are there before the deadline: their number, 0 at the end of the stream, -1 for
