@@ -1,11 +1,12 @@
 // The login dialogue of the console, both sides, and the site's secret.
 //
-// Both sides prove that they hold the same key without sending it: the site's secret for agents (NODE), a key
-// derived from a password for operators (USER). docs/protocols/console.md gives the dialogue byte by byte. The
-// daemon, the functions it lends the module, and the operator's command all use this one implementation.
+// Both sides prove that they hold the same key without sending it: the site's secret for agents
+// (NODE), a key derived from a password for operators (USER). docs/protocols/console.md gives the
+// dialogue byte by byte. The daemon, the functions it lends the module, and the operator's command
+// all use this one implementation.
 //
-// Nothing here prints, installs a signal handler or throws anything but what memory exhaustion throws.
-// Functions that return false say why in a text for the operator.
+// Nothing here prints, installs a signal handler or throws anything but what memory exhaustion
+// throws. Functions that return false say why in a text for the operator.
 #pragma once
 #include <stddef.h>
 
@@ -38,33 +39,36 @@ bool isName(std::string_view name);
 
 // --- the site's secret, etc/ZULsecret: 64 hex digits on one line ---
 
-// Reads it. Refused when it is no regular file, belongs to another user than root or our own, or may be read or
-// written by others.
+// Reads it. Refused when it is no regular file, belongs to another user than root or our own, or
+// may be read or written by others.
 bool readSecret(const std::string &path, Key &key, std::string &why);
-// Writes it whole or not at all, mode 0600; an existing one is kept unless replace is set: the other hosts of
-// the site know that one.
+// Writes it whole or not at all, mode 0600; an existing one is kept unless replace is set: the
+// other hosts of the site know that one.
 bool writeSecret(const std::string &path, const Key &key, bool replace, std::string &why);
 // A new random secret.
 Key newSecret();
-// 64 hex digits, for carrying a secret to another host, and back; white space around them is ignored.
+// 64 hex digits, for carrying a secret to another host, and back; white space around them is
+// ignored.
 std::string keyText(const Key &key);
 bool parseKey(std::string_view text, Key &key);
 
-// The key of an operator, derived with argon2id: the same name and password give the same key everywhere, so
-// that the password never leaves the operator's machine. Takes a noticeable fraction of a second and 64 MiB.
-bool keyFromPassword(const std::string &name, const std::string &password, Key &key, std::string &why);
+// The key of an operator, derived with argon2id: the same name and password give the same key
+// everywhere, so that the password never leaves the operator's machine. Takes a noticeable fraction
+// of a second and 64 MiB.
+bool keyFromPassword(const std::string &name, const std::string &password, Key &key,
+                     std::string &why);
 
 // --- the client's side ---
 
-// Runs the dialogue on a connected console socket, blocking or not. True when logged in; nothing that the host
-// sent behind its answer has been read. False when refused, out of time or closed; then the connection is of no
-// more use. Works on a socket whose connection was refused (false).
+// Runs the dialogue on a connected console socket, blocking or not. True when logged in; nothing
+// that the host sent behind its answer has been read. False when refused, out of time or closed;
+// then the connection is of no more use. Works on a socket whose connection was refused (false).
 bool clientLogin(int sd, Kind kind, const std::string &name, const Key &key,
                  int deadlineMs = kClientDeadlineMs);
 
-// For `zul --host`: derives the key from the password, then logs in as an operator. The connection must be made
-// behind the derivation, because the host gives a login 10 s: use keyFromPassword and clientLogin where a
-// password is asked for.
+// For `zul --host`: derives the key from the password, then logs in as an operator. The connection
+// must be made behind the derivation, because the host gives a login 10 s: use keyFromPassword and
+// clientLogin where a password is asked for.
 inline bool clientLoginUser(int sd, const std::string &name, const Key &key) {
   return clientLogin(sd, Kind::user, name, key);
 }
@@ -90,7 +94,8 @@ struct Claim {
 std::string greeting(const Nonce &server);
 // Reads a client's line, without its line feed.
 bool parseClaim(std::string_view line, Claim &claim);
-// True when the proof was made with this key for this greeting. Takes the same time whatever it holds.
+// True when the proof was made with this key for this greeting. Takes the same time whatever it
+// holds.
 bool proofHolds(const Claim &claim, const Nonce &server, const Key &key);
 // "OK <Ms>\n"
 std::string acceptance(const Claim &claim, const Nonce &server, const Key &key);
