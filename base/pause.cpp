@@ -24,6 +24,9 @@ constexpr Row kRows[] = {
     {"package-poll", 10, -1},  {"drive-busy", 10000, 250}, {"drive-busy-tries", 30, 1200},
     {"label-settle", 1000, 0}, {"tape-retry", 1000, -1},   {"connect-retry", 20, -1},
     {"store-lock", 20, -1},
+    {"receiver-start", 5000, 0},
+    {"receiver-ready", 5000, 0},
+    {"receiver-poll", 100, -1},
 };
 static_assert(sizeof kRows / sizeof kRows[0] == static_cast<int>(Pause::kCount));
 

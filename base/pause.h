@@ -25,6 +25,9 @@ enum class Pause {
   TapeRetry,       // before a failed read of a tape is tried again
   ConnectRetry,    // before a refused data connection is tried again (sound only)
   StoreLock,       // between two looks at the lock of a store that another request changes
+  ReceiverStart,   // before a tape host connects to the restore agent it asked for
+  ReceiverReady,   // before a restore agent that was connected to asks for the first file
+  ReceiverPoll,    // between two reads of a restore agent that says nothing
   kCount
 };
 

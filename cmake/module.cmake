@@ -12,7 +12,7 @@ endforeach()
 
 # The export list is read from the headers: a declaration is the one place that makes a name public.
 set(exported "")
-foreach(header module tape net)
+foreach(header module tape net replication)
   set(path ${CMAKE_SOURCE_DIR}/include/zul/${header}.h)
   set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${path})
   file(STRINGS ${path} lines REGEX "^ZUL_API ")

@@ -18,7 +18,6 @@
 #include "base/process.h"
 #include "base/text.h"
 #include "replication/replicate.h"
-#include "tape/restore.h"
 
 int dlvl = 0;
 

@@ -135,6 +135,31 @@ ZUL_API long getPackageHead(int fd, char *buf);
 /* Makes a directory and its missing parents. */
 ZUL_API int rmkdir(const char *path, mode_t mode);
 
+/* --- tape/restore: the restore job and the restore agent --- */
+
+/* "DRIVE TAPE VOLUME HOST DESTINATION CONFLICT ENTRIES": checks the tape, builds the restore list, releases the
+ * console, restores. ENTRIES: entry numbers of the volume list joined by ','; under "sound" also "@NAME", the
+ * selection var/tape/jobids/select.NAME. 0; 1 too few words; -1. */
+ZUL_API int goRestore(char *args);
+/* Makes the restore list of a selection of entry numbers, one per line in indexfile. 0 or -1. */
+ZUL_API int mkRestoreList(char *indexfile, char *volumelist, char *listfile);
+/* Reads the catalog copy at the tape's position; its texts live in the module until the next call. 0 or -1. */
+ZUL_API int readTapeCatlg(char *drive, catlgstru *record);
+/* Asks a host's agent for a restore agent; the console stays open. 0; -1 no connection, -2 login, -3 write. */
+ZUL_API int startRestoreClnt(const char *host, const char *destination, int conflict);
+/* Serves the restore agent on host from the tape: the files of the list at listpath. extra is not used.
+ * 0 at the end of the list; -1 connection or tape, -2 list, receiver or data, -4 packing, -5 sending. */
+ZUL_API int restoreServ(int tape, const char *host, const char *extra, const char *listpath);
+/* Told the errno of every tape read that failed. Always 0. */
+ZUL_API int readError(int err);
+/* Receives a restore below destination. 0 or -1. */
+ZUL_API int restoreIt(char *destination, int conflict);
+/* The same on a listening socket, which it closes. 0; -1 no connection or write, -2 no header, -3 format,
+ * -4 a file failed. */
+ZUL_API int restHandShk(int listener, char *destination, int conflict);
+/* Takes the one segment that header introduces from the stream and writes it at path. 0, or negative. */
+ZUL_API int getFilefromStream2(int sd, package *header, char *path);
+
 /* --- tape/tapeconf: drives, jobs, backup lists, replication jobs, transforms --- */
 
 /* "number:name:device:attribute:attribute" */

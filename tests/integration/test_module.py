@@ -18,7 +18,7 @@ def symbols(*options):
 
 def declared():
     names = set()
-    for header in ("module.h", "net.h", "tape.h"):
+    for header in ("module.h", "net.h", "tape.h", "replication.h"):
         with open(os.path.join(ROOT, "include", "zul", header)) as handle:
             for line in handle:
                 if line.startswith("ZUL_API "):
