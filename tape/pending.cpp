@@ -1,0 +1,49 @@
+// Keeps catalog and tape in step over kills and power cuts. Runs in the job process.
+#include "tape/pending.h"
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <unistd.h>
+
+#include "base/fd.h"
+#include "base/text.h"
+
+namespace tape {
+
+namespace {
+
+base::HomePath pendingPath(int drive, int tape) {
+  return base::HomePath("var/tape/drive.%i/tape.%i/catalog.pending", drive, tape);
+}
+
+void syncPath(const char *path) {
+  base::Fd fd(open(path, O_RDONLY | O_CLOEXEC));
+  if (fd) fsync(fd.get());
+}
+
+void syncFolder(int drive, int tape) {
+  syncPath(base::HomePath("var/tape/drive.%i/tape.%i", drive, tape));
+}
+
+}  // namespace
+
+bool notePending(int drive, int tape, int volume) {
+  base::Fd fd(open(pendingPath(drive, tape), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+  if (!fd || dprintf(fd.get(), "%i\n", volume) < 0 || fsync(fd.get()) != 0) return false;
+  syncFolder(drive, tape);
+  return true;
+}
+
+bool isPending(int drive, int tape) {
+  return access(pendingPath(drive, tape), F_OK) == 0;
+}
+
+void clearPending(int drive, int tape) {
+  if (unlink(pendingPath(drive, tape)) == 0) syncFolder(drive, tape);
+}
+
+void syncTapeFile(int drive, int tape, const char *name) {
+  syncPath(base::HomePath("var/tape/drive.%i/tape.%i/%s", drive, tape, name));
+}
+
+}  // namespace tape
