@@ -176,8 +176,8 @@ void report(const InitOptions &options) {
 
 Exit initHome(const InitOptions &options) {
   const std::string &home = options.home;
-  std::string module = options.module.empty() ? findModule() : options.module;
   checkPlace(options);
+  std::string module = options.module.empty() ? findModule() : options.module;
   makeParents(home);
   bool complete = isHome(home);
   makeFolder(home, 0700);

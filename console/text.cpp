@@ -7,6 +7,8 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <charconv>
+
 namespace console {
 
 namespace {
@@ -77,21 +79,20 @@ TerminalFilter &outFilter() {
 }  // namespace
 
 std::optional<uint64_t> parseSize(std::string_view text) {
-  std::string copy(text);
-  if (copy.empty() || !isdigit(static_cast<unsigned char>(copy[0]))) return std::nullopt;
-  // strtod reads "0x10" and "1e9" too, and nobody means these.
-  size_t digits = copy.find_first_not_of("0123456789.");
-  char *end;
-  double value = strtod(copy.substr(0, digits).c_str(), &end);
-  if (*end != '\0') return std::nullopt;
-  std::string unit = digits == copy.npos ? "" : copy.substr(digits);
+  if (text.empty() || !isdigit(static_cast<unsigned char>(text[0]))) return std::nullopt;
+  double value = 0;
+  auto [rest, error] =
+      std::from_chars(text.data(), text.data() + text.size(), value, std::chars_format::fixed);
+  if (error != std::errc()) return std::nullopt;
+  std::string unit(rest, text.data() + text.size());
   double factor = 1;
   if (!unit.empty()) {
     const char *found = strchr(kUnits, toupper(static_cast<unsigned char>(unit[0])));
     if (!found) return std::nullopt;
     factor = pow(1024, static_cast<double>(found - kUnits));
-    std::string rest = unit.substr(1);
-    if (!rest.empty() && (found == kUnits || (rest != "iB" && rest != "B"))) return std::nullopt;
+    std::string bytesWord = unit.substr(1);
+    if (!bytesWord.empty() && (found == kUnits || (bytesWord != "iB" && bytesWord != "B")))
+      return std::nullopt;
   }
   double bytes = value * factor;
   if (bytes >= 9.2e18) return std::nullopt;

@@ -3,6 +3,8 @@
 #define ZUL_HOST_H
 #include <stdio.h>
 
+/* A host defines these, and must not hide them from what it loads. */
+#pragma GCC visibility push(default)
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -30,4 +32,5 @@ int deldir(char *args, int flag);
 #ifdef __cplusplus
 }
 #endif
+#pragma GCC visibility pop
 #endif
