@@ -36,7 +36,10 @@ base::HomePath requestList(int reqid) {
   // What could not be listed, and why. The status log is the gatherer's, which writes it from its
   // own position.
   FILE *remarks = fopen(base::HomePath("var/tape/jobids/request.%i.log", reqid), "we");
-  if (remarks) backuplog = remarks;
+  if (remarks) {
+    setvbuf(remarks, nullptr, _IOLBF, 0);
+    backuplog = remarks;
+  }
   base::HomePath wanted("var/tape/jobids/%i.req", reqid);
   int result = mkBackupList(wanted.data(), requestList(reqid).data(), since);
   base::endProcess(result == 0 ? 0 : 255);

@@ -10,10 +10,11 @@ struct Timeouts {
   int connectS;  // connecting to an agent
   int stepS;     // one step of the gatherer's dialogue
   int fileS;  // the gatherer's timer while a file is sent, begun anew with every second of progress
-  int startS;   // the first process of the list generator
-  int listMs;   // a request list that does not appear
-  int nudgeMs;  // an answer to "Next" that has to wait for the list: below streamMs, or the peer
-                // gives up
+  int startS;    // the first process of the list generator
+  int listMs;    // a request list that does not appear
+  int nudgeMs;   // an answer to "Next" that has to wait for the list: below streamMs, or the peer
+                 // gives up
+  int storedMs;  // the word of a member that it has stored a pushed backup list
 };
 
 extern Timeouts timeouts;

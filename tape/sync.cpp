@@ -22,6 +22,7 @@
 #include "base/site.h"
 #include "base/store.h"
 #include "net/agentlogin.h"
+#include "net/timeouts.h"
 
 namespace {
 
@@ -30,7 +31,6 @@ constexpr char kCommandEnded[] = "ZuL_DoNe.";
 constexpr size_t kLineMax = 255;    // longer lines travel in pieces
 constexpr int kClassicLines = 129;  // what a classic member stores of a list
 constexpr int kMostLines = 262144;  // what any member stores: a peer does not fill the disk
-constexpr int kAnswerLimitMs = 10000;
 
 // One flag a member of the last push.
 bool *pushed = nullptr;
@@ -89,7 +89,7 @@ ssize_t receiveBefore(long long deadline, int sd, char *bytes, size_t room) {
 // Reads what the member's agent says until its command has ended: the command's status, or -1
 // without one. What the command has to complain about goes to the log.
 int readStatus(int sd, const char *host) {
-  const long long deadline = base::nowMs() + kAnswerLimitMs;
+  const long long deadline = base::nowMs() + net::timeouts.storedMs;
   char line[kLineMax + 1];
   size_t used = 0;
   for (;;) {
