@@ -6,6 +6,7 @@
 // and run in the calling process (goServer, goRepclnt, goResclnt).
 #include <ctype.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -55,6 +56,17 @@ bool openStatus(const char *path, const char *mode, int buffering) {
 void closeStatus() {
   if (backuplog && backuplog != stderr) fclose(backuplog);
   backuplog = stderr;
+}
+
+// What the stores say to the host's log belongs into the status file too: the detached process has
+// no other place where an operator would look. A stream of its own, because backuplog is closed
+// before the job has said its last.
+void logToStatus() {
+  int fd = fcntl(fileno(backuplog), F_DUPFD_CLOEXEC, 3);
+  FILE *log = fd >= 0 ? fdopen(fd, "w") : nullptr;
+  if (!log) return;
+  setvbuf(log, nullptr, _IOLBF, BUFSIZ);
+  fplog = log;
 }
 
 int fold(int result) {
@@ -192,6 +204,7 @@ int tapeBackup(char *rest) {
   base::print(stderr, "TRANSFER OK\n");
   if (mkDaemon() != 0) return -1;
   if (!openStatus(path, "w", _IOLBF)) return -997;
+  logToStatus();
   return goBackup(words.word[0], words.word[1]) == 0 ? 0 : -1;
 }
 

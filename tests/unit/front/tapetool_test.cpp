@@ -1,11 +1,16 @@
 // The front end: every word reaches its handler, with the stated texts, results and status files.
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zul/module.h>
 #include <zul/net.h>
 #include <zul/tape.h>
+
+#include <thread>
 
 #include "base/text.h"
 #include "support.h"
@@ -166,11 +171,29 @@ TEST_F(TapeTool, RepclntAnswersTheEncryptionQuestionFirst) {
   EXPECT_NE(said.find("ERROR:  ZUL restore/replication client error\n"), std::string::npos);
 }
 
+// Connects to the data port as soon as somebody listens there, and hangs up.
+void callAndHangUp() {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(ZULSRV_PORT);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  eventually([&] {
+    int sd = socket(AF_INET, SOCK_STREAM, 0);
+    bool connected = connect(sd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
+    close(sd);
+    return connected;
+  });
+}
+
 TEST_F(TapeTool, ResclntMovesEveryMessageIntoItsLog) {
+  site("pause.receiver-ready = 0\n");
   int status = inChild([&] {
+    support::ownNetwork();
+    std::thread caller(callAndHangUp);
     char rest[] = "/nowhere 4";
     int result = goResclnt(rest);
     fprintf(fplog, "from the host's log\n");
+    caller.join();
     return result == -1 ? 0 : 1;
   });
   EXPECT_EQ(exitOf(status), 0);

@@ -44,9 +44,10 @@ void HomeTest::SetUp() {
 }
 
 void HomeTest::TearDown() {
-  if (backuplog && backuplog != status_ && backuplog != stderr) fclose(backuplog);
+  // The module closes and replaces backuplog as it likes: only the stream it left there is ours to close.
+  if (backuplog && backuplog != stderr) fclose(backuplog);
   backuplog = fplog = nullptr;
-  if (status_) fclose(status_);
+  status_ = nullptr;
   if (log_) fclose(log_);
   base::forgetSite();
   std::error_code ignored;
