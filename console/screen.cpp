@@ -154,8 +154,6 @@ std::vector<std::string> describeEnd(const Progress &progress) {
     text += ", " + std::to_string(countState(progress, "done")) + " of " +
             countText(progress.hosts.size(), "host");
   lines.push_back(text + ", " + totalText(progress));
-  for (const HostProgress &host : progress.hosts)
-    if (host.state == "failed") lines.push_back(hostChange(host));
   if (!progress.done() && progress.result && *progress.result != 0)
     lines.push_back("the job ended with " + std::to_string(*progress.result));
   if (!progress.error.empty()) lines.push_back(oneLine(progress.error));

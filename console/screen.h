@@ -22,7 +22,7 @@ std::string totalText(const Progress &progress);
 // all.
 std::vector<std::string> describeChange(const Progress *before, const Progress &now);
 
-// The closing lines, failures named.
+// The closing lines; which hosts failed has been told by then.
 std::vector<std::string> describeEnd(const Progress &progress);
 
 }  // namespace console
