@@ -1,6 +1,7 @@
 // The door to the drives: what is not a virtual drive of ours goes to the kernel as it is.
 #include "drive/drive.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
@@ -56,8 +57,14 @@ int status(int fd, mtget *out) {
 
 int waitReadable(int fd, int timeoutMs) {
   if (findHandleConfirmed(fd)) return 1;
+  // poll waits in vain on a negative descriptor, and calls a closed one ready.
   pollfd one = {fd, POLLIN, 0};
-  return poll(&one, 1, timeoutMs);
+  int ready = fd < 0 ? -1 : poll(&one, 1, timeoutMs);
+  if (fd < 0 || (ready > 0 && (one.revents & POLLNVAL))) {
+    errno = EBADF;
+    return -1;
+  }
+  return ready;
 }
 
 bool isRewindingNode(const char *device) {

@@ -20,9 +20,10 @@
 #include "tape/catalog.h"
 #include "tape/tapeio.h"
 
+int tape::readLimitMs = 60000;
+
 namespace {
 
-constexpr int kReadLimitMs = 60000;
 constexpr int kRetriesTillComplaint = 20;
 constexpr size_t kLabelSize = sizeof(tapehead);
 constexpr char kLabelMagic[] = {'H', 'e', 'A', 'd'};
@@ -234,7 +235,7 @@ ssize_t readt(int fd, void *buf, size_t n) {
   size_t left = n;
   int retries = 0;
   while (left > 0) {
-    int ready = drive::waitReadable(fd, kReadLimitMs);
+    int ready = drive::waitReadable(fd, tape::readLimitMs);
     if (ready < 0) return -1;
     if (ready == 0) {
       base::print(stderr, "ERROR:  Select returned: %i\n", ready);

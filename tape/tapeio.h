@@ -28,6 +28,10 @@ class OpenDrive {
   int fd_;
 };
 
+// How long a tape may be silent before readt gives up, in milliseconds; no setting, but the tests
+// lower it.
+extern int readLimitMs;
+
 // True for a path that names a tape device; anything else is an ordinary file, which takes neither
 // a label nor a backup.
 bool isDevice(const char *device);
