@@ -34,8 +34,9 @@ using Words = std::vector<std::string>;
 constexpr long kTailLines = 20;
 
 // Text of others (host names, request lines) may be no UTF-8; an answer must be JSON all the same.
-int answerJson(const json &value) {
-  answer(value.dump(-1, ' ', false, json::error_handler_t::replace) + "\n");
+template <typename Json>
+int answerJson(const Json &value) {
+  answer(value.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n");
   return 0;
 }
 
@@ -76,17 +77,17 @@ int hostStatus(Words words) {
   char name[256] = "";
   gethostname(name, sizeof name - 1);
   long long uptime = time(nullptr) - facts.shared->started;
-  json status = {{"version", ZUL_VERSION},
-                 {"host", name},
-                 {"home", ZULhome},
-                 {"pid", facts.shared->listener},
-                 {"port", facts.port},
-                 {"started", facts.shared->started},
-                 {"uptime", uptime},
-                 {"sessions", facts.shared->sessions.load()},
-                 {"logins", facts.shared->logins.load()},
-                 {"processes", workProcesses().size()},
-                 {"secret", hasSecret()}};
+  nlohmann::ordered_json status = {{"version", ZUL_VERSION},
+                                   {"host", name},
+                                   {"home", ZULhome},
+                                   {"pid", facts.shared->listener},
+                                   {"port", facts.port},
+                                   {"started", facts.shared->started},
+                                   {"uptime", uptime},
+                                   {"sessions", facts.shared->sessions.load()},
+                                   {"logins", facts.shared->logins.load()},
+                                   {"processes", workProcesses().size()},
+                                   {"secret", hasSecret()}};
   if (asJson) return answerJson(status);
   std::string text;
   for (const auto &[key, value] : status.items())

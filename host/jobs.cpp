@@ -20,7 +20,8 @@ namespace {
 
 constexpr const char *kFolder = "var/tape/jobids";
 constexpr std::string_view kEnding = ".progress";
-constexpr size_t kMaxRecord = 1 << 20;
+constexpr size_t kMaxRecord = 256 << 10;
+constexpr int kMaxDepth = 8;  // a record has three levels; a file of brackets is none
 
 std::vector<std::string> recordNames() {
   std::vector<std::string> names;
@@ -40,7 +41,10 @@ nlohmann::json readRecord(const std::string &path) {
   ssize_t got = file ? pread(file.get(), text.data(), text.size(), 0) : -1;
   if (got < 0) return nullptr;
   text.resize(static_cast<size_t>(got));
-  nlohmann::json record = nlohmann::json::parse(text, nullptr, false);
+  auto shallow = [](int depth, nlohmann::json::parse_event_t, const nlohmann::json &) {
+    return depth < kMaxDepth;
+  };
+  nlohmann::json record = nlohmann::json::parse(text, shallow, false);
   return record.is_object() ? record : nlohmann::json(nullptr);
 }
 

@@ -248,7 +248,14 @@ void Listener::becomeSession(int sd, bool local, uint32_t address) {
   int log = fplog ? fileno(fplog) : -1;
   closeAllBut({sd, notices, log});
   try {
-    runSession({sd, notices, local, address, shared_, &module_});
+    SessionStart start;
+    start.console = sd;
+    start.notices = notices;
+    start.local = local;
+    start.address = address;
+    start.shared = shared_;
+    start.module = &module_;
+    runSession(start);
   } catch (const std::exception &failure) {
     logEvent("session failed: %s", failure.what());
   }

@@ -83,7 +83,7 @@ void setEnvironment() {
 
 int callModule(int (*entry)(char *), std::string_view rest) {
   // The entry cuts the text up in place, and its pointers live as long as the process.
-  char *text = strndup(rest.data(), rest.size());
+  char *text = strdup(std::string(rest).c_str());
   return text ? entry(text) : 1;
 }
 

@@ -28,9 +28,6 @@ namespace host {
 
 namespace {
 
-constexpr int kLoginMs = 10000;
-constexpr int kRefusalMs = 1000;
-constexpr int kNodeSilenceMs = 300000;
 constexpr size_t kMaxRequest = 4095;
 constexpr std::string_view kPrompt = "ZuL>";
 constexpr const char *kGroup = "zul";
@@ -91,11 +88,13 @@ bool logInRemote(Console &console, const SessionStart &start, Peer &peer) {
   login::Nonce server = login::newNonce();
   std::string line;
   if (!console.send(login::greeting(server))) return false;
-  LineEnd end = console.readLine(line, login::kMaxLine - 1, kLoginMs);
-  if (end == LineEnd::stopped || (end != LineEnd::line && line.empty())) return false;
+  LineEnd end = console.readLine(line, login::kMaxLine - 1, start.patience.loginMs);
+  // Who connects only to see whether somebody listens is not worth a line in the log.
+  bool gone = (end == LineEnd::end || end == LineEnd::failed) && line.empty();
+  if (gone || end == LineEnd::stopped) return false;
   login::Claim claim;
   login::Key key;
-  std::string why = "not a login line";
+  std::string why = end == LineEnd::silence ? "no login line in time" : "not a login line";
   bool good = end == LineEnd::line && login::parseClaim(line, claim);
   peer.kind = claim.kind;
   peer.name = claim.name;
@@ -104,7 +103,7 @@ bool logInRemote(Console &console, const SessionStart &start, Peer &peer) {
   logEvent("login refused from %s: %s %s: %s", peer.from.c_str(),
            claim.kind == login::Kind::node ? "NODE" : "USER", printable(claim.name).c_str(),
            why.c_str());
-  base::sleepMs(kRefusalMs);
+  base::sleepMs(start.patience.refusalMs);
   console.send("NO\n");
   console.drain();
   return false;
@@ -148,8 +147,11 @@ bool logInLocal(Console &console, Peer &peer) {
 
 class Session {
  public:
-  Session(Console &console, const Peer &peer, const Module &module)
-      : console_(console), peer_(peer), module_(module) {}
+  Session(Console &console, const Peer &peer, const SessionStart &start)
+      : console_(console),
+        peer_(peer),
+        module_(*start.module),
+        nodeSilenceMs_(start.patience.nodeSilenceMs) {}
   void serve();
 
  private:
@@ -161,6 +163,7 @@ class Session {
   Console &console_;
   const Peer &peer_;
   const Module &module_;
+  int nodeSilenceMs_;
 };
 
 // What is left of an upload whose request has ended before it: no request.
@@ -182,7 +185,7 @@ void Session::serve() {
     // request's answer, or turn the peer's close into a reset.
     if (isOperator() && !console_.send(kPrompt)) return;
     std::string line;
-    switch (console_.readLine(line, kMaxRequest, isOperator() ? -1 : kNodeSilenceMs)) {
+    switch (console_.readLine(line, kMaxRequest, isOperator() ? -1 : nodeSilenceMs_)) {
       case LineEnd::line:
         more = serveLine(std::move(line));
         break;
@@ -261,7 +264,7 @@ void runSession(const SessionStart &start) {
   logEvent("%s %s logged in from %s", peer.kind == login::Kind::node ? "node" : "user",
            peer.name.c_str(), peer.from.c_str());
   showTitle("console of " + peer.name + " from " + peer.from);
-  Session(console, peer, *start.module).serve();
+  Session(console, peer, start).serve();
 }
 
 }  // namespace host
