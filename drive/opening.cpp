@@ -95,19 +95,25 @@ static int openImage(Handle &handle, const char *cartridge) {
   return high;
 }
 
-// Takes over the position that the drive's last user left, if it can be this image's.
+// Is it the position of a tape of this name and image? The state is a file that anything may have
+// happened to.
+static bool isStateOf(const State &state, const char *cartridge, const struct stat &image) {
+  if (strcmp(state.cartridge, cartridge) != 0 || state.inode != image.st_ino) return false;
+  if (state.blockSize > image::kBlockMax || state.passed > Passed::end || state.isWritten > 1 ||
+      state.isWarned > 1 || state.fileNo < -1 || state.blockNo < -1)
+    return false;
+  // What a killed writer left is looked at from the last durable place on; a tape at rest has the
+  // length that it was left with.
+  if (state.isWritten) return state.durable >= 0 && state.durable <= image.st_size;
+  return state.seenSize == image.st_size && state.offset >= 0 && state.offset <= image.st_size;
+}
+
+// Takes over the position that the drive's last user left.
 static int adoptState(Handle &handle, const char *cartridge) {
-  State &state = *handle.state;
-  struct stat status;
-  if (fstat(handle.image, &status) != 0) return -1;
-  bool isOurs =
-      strcmp(state.cartridge, cartridge) == 0 && state.inode == status.st_ino &&
-      state.offset >= 0 && state.durable >= 0 && state.durable <= status.st_size &&
-      state.blockSize <= image::kBlockMax && state.passed <= Passed::end &&
-      (state.isWritten || (state.offset <= status.st_size && state.seenSize == status.st_size));
-  if (!isOurs) {
-    resetState(&state, cartridge, handle.image);
-    state.blockSize = 0;
+  struct stat image;
+  if (fstat(handle.image, &image) != 0) return -1;
+  if (!isStateOf(*handle.state, cartridge, image)) {
+    resetState(handle.state, cartridge, handle.image);
     return 0;
   }
   // A tape whose last mark cannot be written can at least be read.

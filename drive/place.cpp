@@ -100,7 +100,7 @@ Label readLabel(const char *cartridge) {
     if (errno != 0 || *end != '\0' || end == value || capacity > kCapacityMax) return label;
     if (capacity != 0) label.capacity = static_cast<int64_t>(capacity);
   }
-  label.isProtected = findValue(text, "protected", value) && strcmp(value, "no") != 0;
+  label.isProtected = !findValue(text, "protected", value) || strcmp(value, "no") != 0;
   return label;
 }
 

@@ -48,7 +48,7 @@ void resetState(State *state, const char *cartridge, int image) {
   state->offset = state->durable = 0;
   state->fileNo = state->blockNo = 0;
   state->passed = Passed::data;
-  state->isWritten = state->isWarned = 0;
+  state->isWritten = state->isWarned = state->blockSize = 0;
   syncState(state);
 }
 

@@ -240,7 +240,14 @@ int writeMarks(Handle &handle, int count) {
 }
 
 int finishWriting(Handle &handle) {
-  return handle.state->isWritten ? writeMarks(handle, 1) : 0;
+  State &state = *handle.state;
+  if (!state.isWritten) return 0;
+  if (state.offset != state.durable) return writeMarks(handle, 1);
+  // The first write failed: the tape ends here, and an empty file is not ours to add.
+  state.isWritten = 0;
+  state.seenSize = state.offset;
+  syncState(&state);
+  return 0;
 }
 
 int recoverWriting(Handle &handle) {
