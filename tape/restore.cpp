@@ -22,6 +22,7 @@
 #include "drive/drive.h"
 #include "tape/restorelist.h"
 #include "tape/restorereport.h"
+#include "tape/tapecheck.h"
 #include "tape/tapeio.h"
 
 namespace {
@@ -52,24 +53,6 @@ int cutRequest(char *args, Request *request) {
   request->conflict = base::decimal(word[5]);
   request->entries = word[6];
   return 0;
-}
-
-// The right tape must be in the drive: another one would be read as if it held this volume.
-int checkTape(const Request &request) {
-  base::print(stderr, "Checking tape header\n");
-  char drive[16];
-  snprintf(drive, sizeof drive, "%i", request.drive);
-  tapehead label = tape::noLabel();
-  if (getTapeHead(drive, &label) != 0) return -1;
-  if (label.tape != request.tape) {
-    base::printBoth("ERROR:  8111  Please insert tape %i, and try again.\n", request.tape);
-  } else if (label.drive != request.drive) {
-    base::printBoth("WARNING:  8112  The tape appears to have been made on an other device\n");
-  } else {
-    return 0;
-  }
-  tape::printLabel(label);
-  return -1;
 }
 
 // "5,2,5" becomes three lines.
@@ -179,7 +162,8 @@ int goRestore(char *args) {
   if (soundRestore() && !lockRestore()) return -1;
   char device[256];
   if (getTapePath(request.drive, device) != 0) return -1;
-  if (checkTape(request) != 0) return -1;
+  // Another tape would be read as if it held this volume.
+  if (tape::checkInserted(request.drive, request.tape) != 0) return -1;
   base::HomePath list("var/tape/jobids/restorelist");
   if (makeList(request, &list) != 0) return -1;
   if (releaseConsole() != 0) return -1;

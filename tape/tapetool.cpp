@@ -19,6 +19,7 @@
 #include "base/process.h"
 #include "base/text.h"
 #include "replication/replicate.h"
+#include "tape/verify.h"
 
 int dlvl = 0;
 
@@ -103,6 +104,9 @@ int runRsync(char *rest) {
 int runJsync(char *rest) {
   return fold(syncBackupLists(base::decimal(rest)));
 }
+int runVerify(char *rest) {
+  return fold(goVerify(rest));
+}
 int runReplicate(char *rest) {
   return fold(goReplicate(rest));
 }
@@ -130,11 +134,11 @@ struct Command {
 };
 
 constexpr Command kCommands[] = {
-    {"get", runGet},           {"add", runAdd},         {"mod", runMod},
-    {"del", runDel},           {"backup", runBackup},   {"restore", runRestore},
-    {"server", runServer},     {"resclnt", runResclnt}, {"repclnt", runRepclnt},
-    {"rsync", runRsync},       {"jsync", runJsync},     {"replicate", runReplicate},
-    {"version", printVersion}, {"funtest", runFuntest},
+    {"get", runGet},       {"add", runAdd},           {"mod", runMod},
+    {"del", runDel},       {"backup", runBackup},     {"restore", runRestore},
+    {"server", runServer}, {"resclnt", runResclnt},   {"repclnt", runRepclnt},
+    {"rsync", runRsync},   {"jsync", runJsync},       {"replicate", runReplicate},
+    {"verify", runVerify}, {"version", printVersion}, {"funtest", runFuntest},
 };
 
 }  // namespace
