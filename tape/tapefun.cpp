@@ -22,6 +22,7 @@
 #include "base/store.h"
 #include "base/text.h"
 #include "tape/catalog.h"
+#include "tape/storerules.h"
 #include "tape/tapeio.h"
 
 namespace {
@@ -124,6 +125,8 @@ int addTape(char *args) {
     base::print(stderr, "ERROR:  8012  Insufficient arguements (%i)\n", count);
     return -1;
   }
+  // A slip of the hand reads as drive 0, and labels whatever tape is in that.
+  if (stores::keyRefused(field[kDrive])) return -1;
   base::print(stderr, "Drive num = %s\n", field[kDrive]);
   char device[256];
   if (getTapePath(base::decimal(field[kDrive]), device) != 0) return -1;
@@ -146,6 +149,7 @@ int delTape(char *args) {
     base::printBoth("ERROR:  8021  Insufficient arguments\n");
     return -1;
   }
+  if (stores::keyRefused(word[0]) || stores::keyRefused(word[1])) return -1;
   // The helper gets one text, so the path can be as long as any other.
   char request[base::kPathMax + 8];
   base::HomePath tapedir("var/tape/drive.%s/tape.%s", word[0], word[1]);

@@ -207,7 +207,8 @@ TEST_F(Record, NeedsTheBackupListTheJobAndTheGroup) {
     EXPECT_EQ(fillCatlgstru(8, &record, 0), 1) << "no list";
     writeFile(path("var/tape/jobids/8"), "/etc\n");
     EXPECT_EQ(fillCatlgstru(8, &record, 0), -1) << "no job";
-    fs::remove(path("etc/tapegrps"));
+    fs::remove(path("var/tape/jobids/group"));
+    EXPECT_EQ(fillCatlgstru(3, &record, 0), -1) << "no group";
   });
   fs::create_directory(path("var/tape/jobids/9"));
   memset(&record, 'x', sizeof record);

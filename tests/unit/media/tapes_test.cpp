@@ -346,6 +346,21 @@ TEST_F(Tapes, DeletingNeedsADriveAndATape) {
   EXPECT_TRUE(exists(path("var/tape/drive.0")));
 }
 
+TEST_F(Tapes, NumbersMustBeNumbersUnderSound) {
+  run(addTape, "0:1:2:3:lab");
+  EXPECT_EQ(run(addTape, "lto:1:2:3:lab"), 0) << "what is no number reads as drive 0";
+  behave("sound");
+  EXPECT_EQ(run(addTape, "lto:1:2:3:lab"), -1);
+  EXPECT_EQ(said, "ERROR:  lto is not a decimal number\n");
+  EXPECT_EQ(run(delTape, "0 00"), -1);
+  EXPECT_EQ(said, "ERROR:  00 is not a decimal number\n");
+  EXPECT_EQ(run(delTape, "x 0"), -1);
+  EXPECT_TRUE(exists(tapeDir(0, 0)));
+  EXPECT_FALSE(exists(tapeDir(0, 2)));
+  EXPECT_EQ(run(delTape, "0 0"), 0);
+  EXPECT_FALSE(exists(tapeDir(0, 0)));
+}
+
 TEST_F(Tapes, WordsThatLeadElsewhereAreNoDrives) {
   EXPECT_EQ(run(getTapes, "0/../drive.0"), -1);
   EXPECT_NE(said.find("ERROR:  8031  Cannot stat file: >"), std::string::npos);
