@@ -13,7 +13,7 @@ namespace drive {
 
 using Problem = std::string;
 
-constexpr uint64_t kCapacityMin = 64 * 1024;
+constexpr uint64_t kCapacityMin = 64ULL * 1024;
 constexpr uint64_t kCapacityMax = 1ULL << 60;
 
 struct CartridgeInfo {

@@ -51,7 +51,7 @@ static int errorByName(const char *name) {
 static int delayOf(const char *word) {
   char *end;
   long value = strtol(word, &end, 10);
-  if (end == word || value < 0 || value > 3600 * 1000) return -1;
+  if (end == word || value < 0 || value > 3600L * 1000) return -1;
   if (strcmp(end, "ms") == 0) return static_cast<int>(value);
   if (strcmp(end, "s") == 0 && value <= 3600) return static_cast<int>(value * 1000);
   return -1;

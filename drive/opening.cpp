@@ -14,8 +14,8 @@
 namespace drive {
 
 static constexpr char kPrefix[] = "/dev/vtape/";
-// The image's descriptor stays clear of the low numbers, which programs close in bulk when they
-// detach and get again at once.
+// The descriptors of the image and its marks stay clear of the low numbers, which programs close in
+// bulk when they detach and get again at once.
 static constexpr int kHighDescriptor = 256;
 static constexpr size_t kOpenMax = 16;
 
@@ -34,6 +34,7 @@ Handle *findHandle(int fd) {
 
 static void forgetHandle(Handle &handle) {
   if (handle.image >= 0) close(handle.image);
+  if (handle.marks.fd >= 0) close(handle.marks.fd);
   unmapState(handle.state);
   handle.state = nullptr;
 }
@@ -76,6 +77,13 @@ static base::Fd lockDrive(const char *drive) {
   return fd;
 }
 
+static int moveHigh(int fd) {
+  int high = fd < 0 ? -1 : fcntl(fd, F_DUPFD_CLOEXEC, kHighDescriptor);
+  if (high < 0) return fd;
+  close(fd);
+  return high;
+}
+
 static int openImage(Handle &handle, const char *cartridge) {
   ShelfPath path(cartridge, ".tap");
   int flags = O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
@@ -89,10 +97,7 @@ static int openImage(Handle &handle, const char *cartridge) {
     errno = error;
     return -1;
   }
-  int high = fcntl(fd, F_DUPFD_CLOEXEC, kHighDescriptor);
-  if (high < 0) return fd;
-  close(fd);
-  return high;
+  return moveHigh(fd);
 }
 
 // Is it the position of a tape of this name and image? The state is a file that anything may have
@@ -136,14 +141,17 @@ static int loadMedium(Handle &handle) {
   int64_t zone = label.capacity / 8 < kWarningZone ? label.capacity / 8 : kWarningZone;
   handle.warningAt = label.capacity - zone;
   handle.image = openImage(handle, cartridge);
-  return handle.image >= 0 ? adoptState(handle, cartridge) : -1;
+  if (handle.image < 0) return -1;
+  handle.marks = openMarks(cartridge, handle.image);
+  handle.marks.fd = moveHigh(handle.marks.fd);
+  return adoptState(handle, cartridge);
 }
 
 // Fills the entry for a drive whose lock is held.
 static int setUp(Handle &handle, const char *drive, int lock, int flags) {
   handle = Handle{};
   handle.fd = lock;
-  handle.image = -1;
+  handle.image = handle.marks.fd = -1;
   handle.mode = flags & O_ACCMODE;
   base::copyText(handle.drive, sizeof handle.drive, drive);
   struct stat status;

@@ -39,10 +39,25 @@ static int rewindTape(Handle &handle) {
   return 0;
 }
 
+// Behind as many of the next count marks as are listed; how many that was.
+static int jumpMarks(Handle &handle, int count) {
+  State &state = *handle.state;
+  if (state.fileNo < 0) return 0;
+  int known = countMarks(handle.marks) - state.fileNo;
+  int skipped = known < count ? known : count;
+  if (skipped <= 0) return 0;
+  int64_t behind = behindMark(handle.marks, handle.image, state.fileNo + skipped - 1);
+  if (behind <= state.offset) return 0;
+  state.offset = behind;
+  passMarks(state, skipped);
+  return skipped;
+}
+
 // Behind the count-th mark from here.
 static int forwardMarks(Handle &handle, int count) {
   State &state = *handle.state;
   if (count == 0) return 0;
+  count -= jumpMarks(handle, count);
   image::Walk walk(handle.image, state.offset);
   while (count > 0) {
     image::Record record = walk.next();
@@ -50,6 +65,7 @@ static int forwardMarks(Handle &handle, int count) {
     if (record.kind == image::Kind::end) return stopAtEnd(state);
     if (record.kind == image::Kind::damage) return stopAtDamage(state);
     if (record.kind == image::Kind::mark) {
+      addMark(handle.marks, state.fileNo, state.offset);
       passMarks(state, 1);
       count--;
     }
@@ -125,9 +141,12 @@ static int toEndOfData(Handle &handle) {
 
 static int eraseRest(Handle &handle) {
   if (handle.mode == O_RDONLY) return fail(EACCES);
-  if (finishWriting(handle) != 0 || ftruncate(handle.image, handle.state->offset) != 0) return -1;
+  if (finishWriting(handle) != 0) return -1;
+  cutMarks(handle.marks, handle.state->fileNo);
+  if (ftruncate(handle.image, handle.state->offset) != 0 || fdatasync(handle.image) != 0) return -1;
   handle.state->seenSize = handle.state->offset;
-  return fdatasync(handle.image);
+  sealMarks(handle.marks, handle.image);
+  return 0;
 }
 
 // The cartridge comes out and stays on the shelf.

@@ -147,6 +147,7 @@ int beginWriting(Handle &handle) {
   state.durable = state.offset;
   state.isWritten = 1;
   syncState(&state);
+  cutMarks(handle.marks, state.fileNo);
   if (ftruncate(handle.image, state.offset) == 0) return 0;
   int error = errno;
   state.isWritten = 0;
@@ -231,8 +232,12 @@ int writeMarks(Handle &handle, int count) {
     return -1;
   if (fdatasync(handle.image) != 0) return -1;
   if (count == 0) return 0;
-  state.offset += count * image::kWord;
-  passMarks(state, count);
+  for (int i = 0; i < count; i++) {
+    state.offset += image::kWord;
+    addMark(handle.marks, state.fileNo, state.offset);
+    passMarks(state, 1);
+  }
+  sealMarks(handle.marks, handle.image);
   state.durable = state.seenSize = state.offset;
   state.isWritten = state.isWarned = 0;
   syncState(&state);

@@ -13,6 +13,7 @@
 
 #include "drive/faults.h"
 #include "drive/image.h"
+#include "drive/marks.h"
 #include "drive/place.h"
 #include "drive/state.h"
 
@@ -24,7 +25,8 @@ struct Handle {
   State *state;  // null: the entry is free
   int fd;        // the lock
   int image;     // -1: opened without a cartridge
-  int mode;      // O_RDONLY, O_WRONLY or O_RDWR
+  Marks marks;
+  int mode;  // O_RDONLY, O_WRONLY or O_RDWR
   bool isProtected;
   int64_t warningAt, hardEnd;  // in the image
   dev_t lockDevice;
@@ -54,7 +56,7 @@ int statusVirtual(Handle &handle, mtget *out);
 // ---- between the sources of the virtual drive
 
 // From the early warning to the hard end, or an eighth of a small cartridge.
-constexpr int64_t kWarningZone = 512 * 1024;
+constexpr int64_t kWarningZone = int64_t{512} * 1024;
 
 // Counts from zero when the fault file is another one than the counts belong to.
 void startFaultCount(Handle &handle);

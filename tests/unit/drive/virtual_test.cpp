@@ -242,6 +242,15 @@ TEST_F(DriveTest, AMarkClearsTheWayForATrailerAtTheEndOfTheTape) {
   EXPECT_EQ(drive::closeDrive(fd), 0);
 }
 
+// The worked example of docs/formats/vtape.md.
+TEST_F(DriveTest, AnImageIsByteForByteAsTheFormatSays) {
+  writeFile({"hello", "tape"});
+  EXPECT_EQ(image(), std::string("\x05\0\0\0hello\0\x05\0\0\0"
+                                 "\x04\0\0\0tape\x04\0\0\0"
+                                 "\0\0\0\0",
+                                 30));
+}
+
 // ---- what lies on the disk is not to be trusted
 
 TEST_F(DriveTest, DamageIsAnInputError) {
