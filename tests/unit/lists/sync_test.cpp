@@ -32,6 +32,7 @@ class Push : public support::HomeTest {
   }
   void SetUp() override {
     HomeTest::SetUp();
+    signal(SIGPIPE, SIG_DFL);
     jobrec record{};
     record.job = 7;
     record.group = 3;
@@ -110,6 +111,18 @@ TEST_F(Push, UnderSoundAMemberThatFailedToStoreIsRemembered) {
             "Synchronizing 127.0.0.1..\n127.0.0.1: ERROR:  disk full\n"
             "ERROR:  127.0.0.1 has not stored the backup list, status = 1\n"
             "Synchronizing 127.0.0.2..\n");
+}
+
+TEST_F(Push, UnderSoundAMemberThatReadsToTheEndOfTheStreamIsGivenOne) {
+  site("behaviour.pace = sound\n");
+  FakeAgent agent("127.0.0.1", [](FakeAgent &self, int sd) {
+    self.receive(sd, [](const std::string &) { return false; });
+    self.say(sd, "ZuL_DoNe. 0\n");
+  });
+  net::timeouts.storedMs = 3000;
+  push();
+  net::timeouts.storedMs = 10000;
+  EXPECT_TRUE(listWasPushed(1)) << statusLog();
 }
 
 TEST_F(Push, UnderSoundAnAgentThatClosesWithoutAWordHasNotStored) {
