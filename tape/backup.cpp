@@ -19,6 +19,7 @@
 #include "tape/progress.h"
 #include "tape/segment.h"
 #include "tape/sync.h"
+#include "tape/volumelist.h"
 
 namespace {
 
@@ -98,6 +99,11 @@ class BackupJob {
   int job() const { return run_.rec.job; }
   base::HomePath tapeFile(const char *name) const {
     return base::HomePath("var/tape/drive.%i/tape.%i/%s", run_.rec.drive, run_.tape, name);
+  }
+
+  base::HomePath volumeList() const {
+    return base::HomePath("var/tape/drive.%i/tape.%i/vol.%i", run_.rec.drive, run_.tape,
+                          run_.volume);
   }
 
   jobrun run_;
@@ -246,7 +252,7 @@ int BackupJob::enterCatalog() {
 }
 
 int BackupJob::openVolumeList() {
-  base::HomePath path("var/tape/drive.%i/tape.%i/vol.%i", drive(), run_.tape, run_.volume);
+  base::HomePath path = volumeList();
   vollist_ = base::File(fopen(path, "we"));
   if (!vollist_) {
     base::print(backuplog,
@@ -306,8 +312,13 @@ void BackupJob::pushLists() {
 
 int BackupJob::gather() {
   base::print(backuplog, "Starting gathering processes\n");
+  tape::beginVolume(volumeList(), tape::slotCapacity());
   tape::Gathered gathered =
       tape::gatherHosts(&run_, run_.level, device_, vollist_.get(), progress_);
+  if (!tape::endVolume())
+    base::print(backuplog,
+                "NOTICE:  The digests of volume %i of tape %i are not complete on disk\n",
+                run_.volume, run_.tape);
   // Without these lines nothing of the volume can be picked for a restore.
   bool listed = vollist_.close();
   if (!listed)

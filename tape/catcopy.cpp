@@ -81,6 +81,7 @@ int backupFail(int drive, int tape, int volume) {
   base::print(backuplog,
               "ERROR:  8330  Backup failed, attempting to revert to previous catalog.\n");
   unlink(base::HomePath("var/tape/drive.%i/tape.%i/vol.%i", drive, tape, volume));
+  unlink(base::HomePath("var/tape/drive.%i/tape.%i/vol.%i.sum", drive, tape, volume));
   base::HomePath old("var/tape/drive.%i/tape.%i/catalog.Old", drive, tape);
   base::HomePath live("var/tape/drive.%i/tape.%i/catalog", drive, tape);
   if (filecpy(old, live, 0) != 0) return -1;

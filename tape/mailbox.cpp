@@ -18,6 +18,7 @@
 #include "base/text.h"
 #include "drive/drive.h"
 #include "tape/segment.h"
+#include "tape/volumelist.h"
 
 namespace tape {
 
@@ -57,22 +58,19 @@ Progress findProgress(ipc *slot) {
   return {slot->done, slot->total};
 }
 
-// A name may hold anything but a NUL. A line feed in it would end the line of the volume list and
-// begin one that somebody else made up, and a ':' in the host would shift the fields.
-void copyPrintable(char *to, size_t room, const char *from, bool keepColon) {
-  base::copyText(to, room, from);
-  for (char *at = to; *at != '\0'; at++) {
-    auto c = static_cast<unsigned char>(*at);
-    if (c < ' ' || c == 0x7f || (c == ':' && !keepColon)) *at = '?';
-  }
+// The slot's place among the hosts of the job; -1 for a slot outside the segment.
+int hostOf(const ipc *slot) {
+  const ipc *first = tpshmid >= 0 ? findSlot(0) : nullptr;
+  return first && slot >= first ? static_cast<int>(slot - first) : -1;
 }
 
 void noteInList(const ipc *slot, FILE *vollist) {
   char host[sizeof slot->pack.fromhost + 1];
   char name[sizeof slot->pack.filename + 1];
-  copyPrintable(host, sizeof slot->pack.fromhost, slot->pack.fromhost, false);
-  copyPrintable(name, sizeof slot->pack.filename, slot->pack.filename, true);
-  base::print(vollist, "%i:%s:%i:%s\n", 0, host, slot->pack.sequence, name);
+  listHost(host, sizeof slot->pack.fromhost, slot->pack.fromhost);
+  listName(name, sizeof slot->pack.filename, slot->pack.filename);
+  int entry = beginPackage(hostOf(slot), slot->pack);
+  base::print(vollist, "%i:%s:%i:%s\n", entry, host, slot->pack.sequence, name);
 }
 
 // The mailbox is closed and opened again once, for a descriptor that went bad under us.
@@ -133,6 +131,7 @@ Copy copyHeader(ipc *slot, int tapefd, Copied &copied) {
 }
 
 Copy copyData(ipc *slot, int tapefd, uint64_t chunk, Copied &copied) {
+  int host = hostOf(slot);
   for (uint64_t left = chunk; left > 0;) {
     size_t wanted = left < PACK_PIECE ? left : PACK_PIECE;
     ssize_t got = readMailbox(slot->fd, piece, wanted);
@@ -151,6 +150,7 @@ Copy copyData(ipc *slot, int tapefd, uint64_t chunk, Copied &copied) {
       giveUpHost(slot);
       return got <= 0 ? Copy::mailboxShort : Copy::dataFailed;
     }
+    addData(host, piece, static_cast<size_t>(got));
     left -= static_cast<uint64_t>(got);
     copied.bytes += static_cast<uint64_t>(got);
   }
@@ -180,6 +180,7 @@ Copied copyPackage(ipc *slot, int tapefd, FILE *vollist) {
   uint64_t left = file.total - file.done > kHeader ? file.total - file.done - kHeader : 0;
   copied.outcome = copyData(slot, tapefd, left < PACK_CHUNK ? left : PACK_CHUNK, copied);
   if (copied.outcome != Copy::taken) return copied;
+  endPackage(hostOf(slot));
   slot->done += static_cast<uint32_t>(copied.bytes - kHeader);
   base::storeWord(slot->consumed, base::loadWord(slot->produced));
   base::wakeWord(&slot->consumed);

@@ -9,6 +9,7 @@
 #include <new>
 
 #include "base/fd.h"
+#include "base/json.h"
 #include "base/pause.h"
 
 namespace tape {
@@ -22,45 +23,6 @@ const char *stateName(HostState state) {
   return kNames[static_cast<int>(state)];
 }
 
-// The length of the UTF-8 character at `at`, or 0 when there is none: a stray or missing
-// continuation, an overlong form, a surrogate, or a value past the last one.
-int utf8Length(const unsigned char *at) {
-  if (at[0] < 0x80) return 1;
-  int length = at[0] >= 0xf0 ? 4 : at[0] >= 0xe0 ? 3 : 2;
-  if (at[0] < 0xc2 || at[0] > 0xf4) return 0;
-  for (int i = 1; i < length; i++)
-    if ((at[i] & 0xc0) != 0x80) return 0;
-  if (at[0] == 0xe0 && at[1] < 0xa0) return 0;
-  if (at[0] == 0xed && at[1] > 0x9f) return 0;
-  if (at[0] == 0xf0 && at[1] < 0x90) return 0;
-  if (at[0] == 0xf4 && at[1] > 0x8f) return 0;
-  return length;
-}
-
-// A JSON string; bytes that are no UTF-8 become U+FFFD.
-void writeText(FILE *out, const char *text) {
-  putc('"', out);
-  for (auto *at = reinterpret_cast<const unsigned char *>(text); *at != '\0';) {
-    int length = utf8Length(at);
-    if (length == 0) {
-      fputs("\\ufffd", out);
-      at++;
-    } else if (length > 1) {
-      fwrite(at, 1, static_cast<size_t>(length), out);
-      at += length;
-    } else {
-      if (*at < ' ' || *at == 0x7f)
-        fprintf(out, "\\u%04x", *at);
-      else if (*at == '"' || *at == '\\')
-        fprintf(out, "\\%c", *at);
-      else
-        putc(*at, out);
-      at++;
-    }
-  }
-  putc('"', out);
-}
-
 uint64_t bytesPerSecond(uint64_t bytes, long long fromMs, long long toMs) {
   long long lasted = toMs - fromMs;
   if (fromMs == 0 || lasted <= 0) return 0;
@@ -69,12 +31,12 @@ uint64_t bytesPerSecond(uint64_t bytes, long long fromMs, long long toMs) {
 
 void writeHost(FILE *out, const HostProgress &host, long long nowMs) {
   fputs("{\"host\":", out);
-  writeText(out, host.host);
+  base::writeJsonText(out, host.host);
   fprintf(out, ",\"state\":\"%s\",\"files\":%" PRIu64 ",\"bytes\":%" PRIu64 ",\"rate\":%" PRIu64,
           stateName(host.state), host.files, host.bytes,
           bytesPerSecond(host.bytes, host.begunMs, host.endedMs ? host.endedMs : nowMs));
   fputs(",\"error\":", out);
-  writeText(out, host.error);
+  base::writeJsonText(out, host.error);
   putc('}', out);
 }
 
@@ -103,6 +65,11 @@ void JobProgress::setTape(int drive, int tape, int volume) {
 }
 
 void JobProgress::setHosts(int count) {
+  // Asked again for as many, it keeps what is known about them: a list that was not pushed, say.
+  if (count == hostCount_) return;
+  delete[] hosts_;
+  if (count == hostCount_) return;
+  delete[] hosts_;
   hosts_ = count > 0 ? new (std::nothrow) HostProgress[static_cast<size_t>(count)] : nullptr;
   hostCount_ = hosts_ ? count : 0;
 }
@@ -161,7 +128,7 @@ void JobProgress::write() {
   // The record tells what a site keeps and how much of it; files of jobs are for their owner.
   fchmod(fileno(out), 0600);
   fprintf(out, "{\"kind\":\"backup\",\"job\":%i,\"name\":", job_);
-  writeText(out, name_);
+  base::writeJsonText(out, name_);
   fprintf(out, ",\"pid\":%i,\"state\":\"%s\",\"started\":%" PRId64 ",\"updated\":%" PRId64,
           getpid(), state_, static_cast<int64_t>(started_), static_cast<int64_t>(time(nullptr)));
   fprintf(out, ",\"ended\":%" PRId64 ",\"drive\":%i,\"tape\":%i,\"volume\":%i,\"level\":%i",
@@ -174,7 +141,7 @@ void JobProgress::write() {
   else
     fputs("null", out);
   fputs(",\"error\":", out);
-  writeText(out, error_);
+  base::writeJsonText(out, error_);
   fputs(",\"hosts\":[", out);
   for (int at = 0; at < hostCount_; at++) {
     if (at > 0) putc(',', out);

@@ -6,11 +6,14 @@
 #include <inttypes.h>
 #include <string.h>
 #include <unistd.h>
+#include <zul/host.h>
 
 #include <new>
 
 #include "base/fd.h"
 #include "base/hash.h"
+#include "base/log.h"
+#include "base/site.h"
 #include "base/text.h"
 
 namespace tape {
@@ -27,18 +30,43 @@ void copyPrintable(char *to, size_t room, const char *from, bool keepColon) {
 
 // What one host is sending.
 struct Sending {
+  int entry = 0;
   base::Hash hash;
   package header;
   uint64_t seen = 0;
-  bool active = false;
+  bool hashing = false;
 };
 
 struct State {
   Sending *hosts;
   int count;
-  FILE *file;
+  int entries;
+  FILE *digests;
   bool failed;
 } state;
+
+Sending *sendingOf(int host) {
+  return host >= 0 && host < state.count ? &state.hosts[host] : nullptr;
+}
+
+FILE *openDigests(const char *volumeList) {
+  if (!base::sound(base::Area::backup)) return nullptr;
+  if (!base::Hash::available()) {
+    base::print(backuplog, "NOTICE:  libxxhash.so.0 is not installed: contents get no digests\n");
+    return nullptr;
+  }
+  char path[base::kPathMax];
+  snprintf(path, sizeof path, "%s.sum", volumeList);
+  base::Fd fd(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+  FILE *file = fd ? fdopen(fd.get(), "w") : nullptr;
+  if (!file) {
+    base::print(backuplog, "NOTICE:  %s cannot be written: contents get no digests\n", path);
+    return nullptr;
+  }
+  fd.release();
+  fputs("#xxh3-64\n", file);
+  return file;
+}
 
 }  // namespace
 
@@ -50,53 +78,50 @@ void listName(char *to, size_t room, const char *name) {
   copyPrintable(to, room, name, true);
 }
 
-bool beginDigests(const char *volumeList, int hosts) {
-  endDigests();
-  if (hosts <= 0 || !base::Hash::available()) return false;
-  char path[base::kPathMax];
-  snprintf(path, sizeof path, "%s.sum", volumeList);
-  base::Fd fd(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-  state.hosts = fd ? new (std::nothrow) Sending[static_cast<size_t>(hosts)] : nullptr;
-  if (!state.hosts) return false;
+void beginVolume(const char *volumeList, int hosts) {
+  endVolume();
+  if (hosts <= 0) return;
+  state.hosts = new (std::nothrow) Sending[static_cast<size_t>(hosts)];
+  if (!state.hosts) return;
   state.count = hosts;
-  state.failed = false;
-  state.file = fdopen(fd.release(), "w");
-  fputs("#xxh3-64\n", state.file);
-  return true;
+  state.digests = openDigests(volumeList);
 }
 
-void digestPackage(int slot, const package &header) {
-  if (slot < 0 || slot >= state.count) return;
-  Sending &sending = state.hosts[slot];
+int beginPackage(int host, const package &header) {
+  Sending *sending = sendingOf(host);
+  if (!sending) return 0;
   if (header.sequence == 0) {
-    sending.active = (header.type == 0 || header.type == 2) && sending.hash.begin();
-    sending.header = header;
-    sending.seen = 0;
+    if (base::sound(base::Area::restore)) sending->entry = ++state.entries;
+    bool hasContent = header.type == 0 || header.type == 2;
+    sending->hashing = state.digests && hasContent && sending->hash.begin();
+    sending->header = header;
+    sending->seen = 0;
   }
+  return sending->entry;
 }
 
-void digestData(int slot, const void *data, size_t n) {
-  if (slot < 0 || slot >= state.count || !state.hosts[slot].active) return;
-  state.hosts[slot].hash.add(data, n);
-  state.hosts[slot].seen += n;
+void addData(int host, const void *data, size_t n) {
+  Sending *sending = sendingOf(host);
+  if (!sending || !sending->hashing) return;
+  sending->hash.add(data, n);
+  sending->seen += n;
 }
 
-void digestPackageEnd(int slot) {
-  if (slot < 0 || slot >= state.count) return;
-  Sending &sending = state.hosts[slot];
-  if (!sending.active || sending.seen < sending.header.size) return;
-  sending.active = false;
-  char host[sizeof sending.header.fromhost], name[sizeof sending.header.filename];
-  listHost(host, sizeof host, sending.header.fromhost);
-  listName(name, sizeof name, sending.header.filename);
-  if (fprintf(state.file, "%016" PRIx64 ":%s:%" PRIu64 ":%s\n", sending.hash.value(), host,
-              static_cast<uint64_t>(sending.header.size), name) < 0)
+void endPackage(int host) {
+  Sending *sending = sendingOf(host);
+  if (!sending || !sending->hashing || sending->seen < sending->header.size) return;
+  sending->hashing = false;
+  char from[sizeof sending->header.fromhost], name[sizeof sending->header.filename];
+  listHost(from, sizeof from, sending->header.fromhost);
+  listName(name, sizeof name, sending->header.filename);
+  if (fprintf(state.digests, "%016" PRIx64 ":%s:%" PRIu64 ":%s\n", sending->hash.value(), from,
+              static_cast<uint64_t>(sending->header.size), name) < 0)
     state.failed = true;
 }
 
-bool endDigests() {
+bool endVolume() {
   bool whole = !state.failed;
-  if (state.file) whole &= fclose(state.file) == 0;
+  if (state.digests) whole &= fclose(state.digests) == 0;
   delete[] state.hosts;
   state = State{};
   return whole;

@@ -13,16 +13,20 @@ namespace tape {
 void listHost(char *to, size_t room, const char *host);
 void listName(char *to, size_t room, const char *name);
 
-// Digests of a volume that is being written. One volume per process.
+// The volume that is being written; one per process. The tape writer tells what it takes from each
+// host's mailbox.
 //
-// The tape writer tells what it takes from each host's mailbox; a file's line is written with its
-// last package. A file whose packages are broken off gets none. begin is false, and the rest does
-// nothing, without the hash library.
-bool beginDigests(const char *volumeList, int hosts);
-void digestPackage(int slot, const package &header);
-void digestData(int slot, const void *data, size_t n);
-void digestPackageEnd(int slot);
-// False when lines could not be written.
-bool endDigests();
+// Under "sound" (area restore) entries are numbered from 1, one number per file, so that an
+// operator can pick one; classic numbers everything 0. Under "sound" (area backup), where the hash
+// library is installed, the digest of a file is written with its last package; a file whose
+// packages are broken off gets none. Before beginVolume nothing is numbered and nothing is
+// digested.
+void beginVolume(const char *volumeList, int hosts);
+// A package was taken: its entry number.
+int beginPackage(int host, const package &header);
+void addData(int host, const void *data, size_t n);
+void endPackage(int host);
+// False when digests could not be written.
+bool endVolume();
 
 }  // namespace tape
