@@ -12,6 +12,7 @@
 
 #include <iostream>
 #include <memory>
+#include <optional>
 
 #include "console/commands.h"
 #include "console/text.h"
@@ -112,34 +113,46 @@ class EditedLines : public Lines {
   History *history_;
 };
 
-// SIGINT sets a flag, and is let in only where somebody waits for the daemon.
+// For as long as a person types, SIGINT is blocked and let in only where the daemon is waited for;
+// there it sets a flag. A script is simply ended by it.
 class InterruptGuard {
  public:
   InterruptGuard() {
     struct sigaction action {};
     action.sa_handler = +[](int) { interrupted = 1; };
     sigaction(SIGINT, &action, &before_);
-    sigset_t mask;
-    sigemptyset(&mask);
-    sigaddset(&mask, SIGINT);
-    sigprocmask(SIG_BLOCK, &mask, &maskBefore_);
+    sigemptyset(&interrupt_);
+    sigaddset(&interrupt_, SIGINT);
+    sigprocmask(SIG_BLOCK, &interrupt_, &maskBefore_);
   }
   ~InterruptGuard() {
+    forget();
     sigprocmask(SIG_SETMASK, &maskBefore_, nullptr);
     sigaction(SIGINT, &before_, nullptr);
   }
   InterruptGuard(const InterruptGuard &) = delete;
   InterruptGuard &operator=(const InterruptGuard &) = delete;
 
+  // What was typed before the editor took the terminal over is not meant for the request that comes
+  // next.
+  void forget() const {
+    timespec now{};
+    while (sigtimedwait(&interrupt_, nullptr, &now) > 0) {
+    }
+    interrupted = 0;
+  }
+
  private:
   struct sigaction before_ {};
-  sigset_t maskBefore_{};
+  sigset_t interrupt_{}, maskBefore_{};
 };
 
 class ConsoleLoop {
  public:
   ConsoleLoop(const Target &target, Lines &lines)
-      : target_(target), lines_(lines), connection_(std::make_unique<Connection>(target)) {}
+      : target_(target), lines_(lines), connection_(std::make_unique<Connection>(target)) {
+    if (lines.forPerson()) guard_.emplace();
+  }
 
   Exit run() {
     std::string line;
@@ -174,8 +187,8 @@ class ConsoleLoop {
   }
 
   Outcome receive(bool toTheEnd, int limitMs) {
-    interrupted = 0;
-    InterruptGuard guard;
+    if (!guard_) return connection_->receive(printOut, toTheEnd, limitMs);
+    guard_->forget();
     return connection_->receive(printOut, toTheEnd, limitMs, [] { return interrupted != 0; });
   }
 
@@ -220,6 +233,7 @@ class ConsoleLoop {
   Target target_;
   Lines &lines_;
   std::unique_ptr<Connection> connection_;
+  std::optional<InterruptGuard> guard_;
   int number_ = 0;
   int failures_ = 0;
 };

@@ -110,12 +110,15 @@ void addHomes(CLI::App &app, CommandLine &line) {
   init->add_flag("--force", line.init.force,
                  "Mend an existing home; tapes, tables and secret stay as they are");
   init->add_option("--size", line.capacity,
-                   "Capacity of the first cartridge (8G); it takes room only as it is written");
+                   "Capacity of the first cartridge (8G); it takes room only as it is written")
+      ->type_name("SIZE");
   init->add_flag("--no-drive", line.init.noDrive, "Make no virtual drive");
   init->add_option("--secret", line.init.secretFile,
-                   "Copy of the site's secret instead of a new one");
+                   "Copy of the site's secret instead of a new one")
+      ->type_name("FILE");
   init->add_option("--module", line.init.module,
-                   "libtape.so to install instead of the one beside zul");
+                   "libtape.so to install instead of the one beside zul")
+      ->type_name("FILE");
 
   CLI::App *up =
       add(app, "up", "Start the daemon of the home in the background",
@@ -125,7 +128,7 @@ void addHomes(CLI::App &app, CommandLine &line) {
             line.up.home = localHome(line);
             return startDaemon(line.up);
           });
-  up->add_option("--log", line.up.log, "The daemon's log (HOME/var/ZULd.log)");
+  up->add_option("--log", line.up.log, "The daemon's log (HOME/var/ZULd.log)")->type_name("FILE");
 
   add(app, "down", "Stop the daemon of the home; running jobs go on",
       "Says which jobs go on; the next \"zul up\" finds them again.\n\nExample:\n  zul down", line,
@@ -149,8 +152,10 @@ void addRequests(CLI::App &app, CommandLine &line) {
   request->add_option("line", line.request.line, "The request, quoted")->required();
   request->add_flag("--follow", line.request.follow,
                     "Of a backup or replication: follow the job it starts");
-  request->add_option("--upload", line.request.upload,
-                      "File with the lines that the request asks for (-: standard input)");
+  request
+      ->add_option("--upload", line.request.upload,
+                   "File with the lines that the request asks for (-: standard input)")
+      ->type_name("FILE");
 
   add(app, "console", "Type requests one after another, or pipe them in",
       "On a terminal with line editing and history (~/.zul_history); otherwise one request a line, "
@@ -202,8 +207,10 @@ void addReports(CLI::App &app, CommandLine &line) {
       ->check(CLI::IsMember({"backup", "replication", "restore"}));
   follow->add_flag("--json", line.follow.json, "Print each record on a line");
   follow->add_flag("--plain", line.follow.plain, "Print lines even on a terminal");
-  follow->add_option("--since", line.since,
-                     "Only a run that started at this time or later (seconds since 1970)");
+  follow
+      ->add_option("--since", line.since,
+                   "Only a run that started at this time or later (seconds since 1970)")
+      ->type_name("SECONDS");
   follow
       ->add_option("--wait", line.follow.waitSeconds,
                    "How long to wait for the run to appear (30 s)")
@@ -238,9 +245,11 @@ void addVtape(CLI::App &app, CommandLine &line) {
   });
   make->add_option("name", line.make.name, "The cartridge's name")->required();
   make->add_option("--size", line.cartridgeSize,
-                   "Its capacity (8G); it takes room only as it is written");
+                   "Its capacity (8G); it takes room only as it is written")
+      ->type_name("SIZE");
   make->add_option("--drive", line.make.drive,
-                   "Load it into this drive, made if there is none of that name");
+                   "Load it into this drive, made if there is none of that name")
+      ->type_name("DRIVE");
   CLI::App *makeDrive = add(*vtape, "drive", "Make an empty virtual drive", "", line,
                             [&line] { return makeVirtualDrive(localHome(line), line.drive); });
   makeDrive->add_option("name", line.drive, "The drive's name")->required();
@@ -248,10 +257,12 @@ void addVtape(CLI::App &app, CommandLine &line) {
     return loadCartridge(localHome(line), line.cartridge, line.drive);
   });
   load->add_option("cartridge", line.cartridge, "The cartridge's name")->required();
-  load->add_option("--drive", line.drive, "Name of the drive, or its number in the drive table");
+  load->add_option("--drive", line.drive, "Name of the drive, or its number in the drive table")
+      ->type_name("DRIVE");
   CLI::App *unload = add(*vtape, "unload", "Take the cartridge out of a drive", "", line,
                          [&line] { return unloadCartridge(localHome(line), line.drive); });
-  unload->add_option("--drive", line.drive, "Name of the drive, or its number in the drive table");
+  unload->add_option("--drive", line.drive, "Name of the drive, or its number in the drive table")
+      ->type_name("DRIVE");
   CLI::App *protect =
       add(*vtape, "protect", "Protect a cartridge against writing", "", line,
           [&line] { return protectCartridge(localHome(line), line.cartridge, line.off); });
@@ -275,8 +286,10 @@ void addUsers(CLI::App &app, CommandLine &line) {
   addCommand
       ->add_option("--role", line.role, "operator (default), or viewer: may look and not change")
       ->check(CLI::IsMember({"operator", "viewer"}));
-  addCommand->add_option("--new-password-file", line.newPasswordFile,
-                         "Instead of asking for the password");
+  addCommand
+      ->add_option("--new-password-file", line.newPasswordFile,
+                   "Instead of asking for the password")
+      ->type_name("FILE");
   CLI::App *del = add(*users, "del", "Remove an operator", "", line,
                       [&line] { return removeUser(localHome(line), line.user); });
   del->add_option("name", line.user)->required();
@@ -291,12 +304,15 @@ void addEverything(CLI::App &app, CommandLine &line) {
   // "zul up --home X" and "zul --home X up" mean the same.
   app.fallthrough();
   app.add_option("--home", line.target.home,
-                 std::string("The home (ZULHOME, else ") + kDefaultHome + ")");
+                 std::string("The home (ZULHOME, else ") + kDefaultHome + ")")
+      ->type_name("DIR");
   app.add_option("--host", line.target.host,
-                 "Talk to the daemon of another machine, HOST or HOST:PORT");
-  app.add_option("--user", line.target.user, "Operator's name there (your own)");
+                 "Talk to the daemon of another machine, HOST or HOST:PORT")
+      ->type_name("HOST");
+  app.add_option("--user", line.target.user, "Operator's name there (your own)")->type_name("NAME");
   app.add_option("--password-file", line.target.passwordFile,
-                 "File with the password, mode 600, instead of asking");
+                 "File with the password, mode 600, instead of asking")
+      ->type_name("FILE");
   addHomes(app, line);
   addRequests(app, line);
   addReports(app, line);
