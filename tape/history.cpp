@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr int64_t kKeptPastRetention = 180 * 86400;  // seconds
+constexpr int64_t kKeptPastRetention = 15552000;  // seconds: 180 days
 constexpr int kMostGroups = 32;
 
 base::HomePath historyPath() {

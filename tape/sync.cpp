@@ -38,7 +38,9 @@ int pushedMembers = 0;
 
 void forgetPushes(int members) {
   free(pushed);
-  pushed = static_cast<bool *>(calloc(static_cast<size_t>(members), sizeof *pushed));
+  pushed = nullptr;
+  if (members > 0)
+    pushed = static_cast<bool *>(calloc(static_cast<size_t>(members), sizeof *pushed));
   pushedMembers = pushed ? members : 0;
 }
 
