@@ -1,3 +1,5 @@
+// Making, loading and listing virtual drives and cartridges, for "zul vtape" and "zul init" in the
+// operator's process and for tests.
 #include "drive/cartridge.h"
 
 #include <dirent.h>
@@ -6,7 +8,6 @@
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zul/host.h>
@@ -18,6 +19,7 @@
 #include "drive/faults.h"
 #include "drive/place.h"
 #include "drive/state.h"
+#include "drive/virtual.h"
 
 namespace drive {
 
@@ -63,18 +65,6 @@ static Problem noCartridge(const std::string &cartridge) {
 
 // ---- exclusion
 
-// Changes of the shelf and of what is loaded where are made one at a time.
-static base::Fd lockShelf() {
-  base::Fd fd(open(base::HomePath("var/vtape/%s/lock", kShelf),
-                   O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0660));
-  if (fd) {
-    giveToOwner(fd.get());
-    while (flock(fd.get(), LOCK_EX) != 0)
-      if (errno != EINTR) return {};
-  }
-  return fd;
-}
-
 static int holderOf(const std::string &drive) {
   State *state = mapState(drive.c_str());
   int holder = state ? state->holder : 0;
@@ -83,14 +73,15 @@ static int holderOf(const std::string &drive) {
 }
 
 // The drive opened with what is in it, if anything, so that nobody else can; whoever was killed
-// while writing has got the closing mark then.
+// while writing has got the closing mark then. The shelf is locked by us: a job that comes to the
+// drive meanwhile waits for that (opening.cpp) instead of finding it busy.
 class OpenDrive {
  public:
   explicit OpenDrive(const std::string &drive)
-      : fd_(openDrive(deviceOf(drive).c_str(), O_RDONLY | O_NONBLOCK)),
+      : fd_(openVirtual(deviceOf(drive).c_str(), O_RDONLY | O_NONBLOCK, Patience::none)),
         error_(fd_ < 0 ? errno : 0) {}
   ~OpenDrive() {
-    if (fd_ >= 0) closeDrive(fd_);
+    if (fd_ >= 0) abandonDrive(fd_);
   }
   OpenDrive(const OpenDrive &) = delete;
   OpenDrive &operator=(const OpenDrive &) = delete;
@@ -277,6 +268,7 @@ static DriveInfo infoOf(const std::string &drive) {
 
 std::vector<DriveInfo> listDrives() {
   std::vector<DriveInfo> drives;
+  base::Fd shelf = lockShelf();
   for (const std::string &name : driveNames()) drives.push_back(infoOf(name));
   return drives;
 }

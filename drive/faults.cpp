@@ -1,3 +1,4 @@
+// Reads the fault file of a virtual drive, in whichever process has the drive open.
 #include "drive/faults.h"
 
 #include <errno.h>

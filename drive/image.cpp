@@ -1,3 +1,5 @@
+// Blocks and marks in the image of a cartridge, for the virtual drives; in every process that has
+// one open.
 #include "drive/image.h"
 
 #include <endian.h>

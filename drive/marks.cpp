@@ -1,3 +1,4 @@
+// The list of file marks beside an image, kept by the virtual drives and used when they skip.
 #include "drive/marks.h"
 
 #include <fcntl.h>

@@ -66,7 +66,7 @@ static Handle *freeHandle() {
 }
 
 // The descriptor with the drive's lock on it, or none with errno.
-static base::Fd lockDrive(const char *drive) {
+static base::Fd tryLock(const char *drive) {
   base::Fd fd(open(DrivePath(drive, "lock"),
                    O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0660));
   if (fd && flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
@@ -74,6 +74,15 @@ static base::Fd lockDrive(const char *drive) {
     fd.reset();
     errno = error;
   }
+  return fd;
+}
+
+static base::Fd lockDrive(const char *drive, Patience patience) {
+  base::Fd fd = tryLock(drive);
+  if (fd || errno != EBUSY || patience == Patience::none) return fd;
+  base::Fd shelf = lockShelf();
+  if (shelf) return tryLock(drive);
+  errno = EBUSY;
   return fd;
 }
 
@@ -170,7 +179,7 @@ static int setUp(Handle &handle, const char *drive, int lock, int flags) {
   return -1;
 }
 
-int openVirtual(const char *device, int flags) {
+int openVirtual(const char *device, int flags, Patience patience) {
   const char *drive = device + sizeof kPrefix - 1;
   if (!isTapeName(drive) || strcmp(drive, kShelf) == 0) {
     errno = ENOENT;
@@ -184,7 +193,7 @@ int openVirtual(const char *device, int flags) {
     errno = EEXIST;
     return -1;
   }
-  base::Fd lock = lockDrive(drive);
+  base::Fd lock = lockDrive(drive, patience);
   if (!lock) return -1;
   forgetClosed(lock.get());
   Handle *handle = freeHandle();
@@ -203,7 +212,7 @@ int closeVirtual(Handle &handle) {
   if (handle.state->isWritten) {
     // Only when nobody else holds the drive is this the last close, which ends the tape file. Who
     // opens it in between has done it for us.
-    base::Fd lock = lockDrive(handle.drive);
+    base::Fd lock = lockDrive(handle.drive, Patience::operators);
     struct stat status;
     if (lock && handle.state->isWritten) {
       // Another process of this open may have been killed within a write.

@@ -1,3 +1,4 @@
+// The small files of virtual drives, for the drives themselves and for the operator's command.
 #include "drive/place.h"
 
 #include <errno.h>
@@ -6,11 +7,11 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zul/host.h>
 
-#include "base/fd.h"
 #include "drive/cartridge.h"
 
 namespace drive {
@@ -110,6 +111,16 @@ int writeLabel(const char *cartridge, const Label &label) {
   snprintf(text, sizeof text, "capacity = %" PRId64 "\nprotected = %s\n", capacity,
            label.isProtected ? "yes" : "no");
   return writeText(ShelfPath(cartridge, ".info"), text);
+}
+
+base::Fd lockShelf() {
+  base::HomePath path("var/vtape/%s/lock", kShelf);
+  base::Fd fd(open(path, O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0660));
+  if (!fd) return fd;
+  giveToOwner(fd.get());
+  while (flock(fd.get(), LOCK_EX) != 0)
+    if (errno != EINTR) return {};
+  return fd;
 }
 
 void giveToOwner(int fd) {

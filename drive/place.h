@@ -5,6 +5,7 @@
 #include <stdint.h>
 #include <sys/types.h>
 
+#include "base/fd.h"
 #include "base/text.h"
 
 namespace drive {
@@ -39,6 +40,10 @@ struct Label {
 // An image without such a file was put there by hand: read only until somebody says otherwise.
 Label readLabel(const char *cartridge);
 int writeLabel(const char *cartridge, const Label &label);
+
+// Changes of the shelf and of what is loaded where, and looks at all the drives, are made one at a
+// time: waits for its turn. No owner when the shelf cannot be locked.
+base::Fd lockShelf();
 
 // A drive made by root is used by the daemon's own user: what root creates is given to the owner
 // of ZULhome.

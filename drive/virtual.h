@@ -43,7 +43,12 @@ Handle *findHandleConfirmed(int fd);
 // fd is what the kernel has just given out: an entry of that number was closed behind our back.
 void forgetClosed(int fd);
 
-int openVirtual(const char *device, int flags);
+// Operators look at drives and change cartridges while they hold the lock of the shelf, and have a
+// drive open for a moment of that time only. A job waits for the end of it, so that a look at the
+// drives never fails a backup.
+enum class Patience { none, operators };
+
+int openVirtual(const char *device, int flags, Patience patience = Patience::operators);
 int closeVirtual(Handle &handle);
 // Closes what belongs to the open without a look at the tape.
 void dropHandle(Handle &handle);

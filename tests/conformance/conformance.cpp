@@ -1,3 +1,5 @@
+// The points themselves. Called by the unit tests of the drive layer and by the program
+// tapeconform, in one process with short-lived children.
 #include "conformance.h"
 
 #include <errno.h>
@@ -111,7 +113,8 @@ class Points {
     long got = read(fd, request);
     if (got <= 0) return resultOf(got);
     const char *end = static_cast<const char *>(memchr(buffer_.data(), ';', 30));
-    return (end ? std::string(const_cast<const char *>(buffer_.data()), end) : "?") + ":" + std::to_string(got);
+    return (end ? std::string(const_cast<const char *>(buffer_.data()), end) : "?") + ":" +
+           std::to_string(got);
   }
 
   mtget status(int fd) {

@@ -1,3 +1,4 @@
+// What the operator's command does with drives and cartridges, its refusals in words.
 #include "drive/cartridge.h"
 
 #include <sys/stat.h>

@@ -1,3 +1,4 @@
+// Faults on demand: what they do to a tape, and what is no fault.
 #include "drive/faults.h"
 
 #include "base/pause.h"

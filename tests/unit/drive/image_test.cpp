@@ -1,3 +1,4 @@
+// The image layout byte for byte, and images that are torn or damaged.
 #include "drive/image.h"
 
 #include <sys/mman.h>

@@ -176,6 +176,22 @@ TEST_F(Recovery, ListingFinishesWhatAKilledWriterLeft) {
   EXPECT_EQ(image().size(), 16u);
 }
 
+TEST_F(Recovery, AJobNeverFindsTheDriveBusyBecauseOfAListing) {
+  pid_t lister = fork();
+  if (lister == 0)
+    for (;;) drive::listDrives();
+  int failures = 0;
+  for (int i = 0; i < 200; i++) {
+    int fd = drive::openDrive(kDevice, O_WRONLY);
+    failures += fd < 0 || put(fd, "abcd") != 4 || drive::closeDrive(fd) != 0;
+    failures += image().size() != static_cast<size_t>(i + 1) * 16;
+  }
+  kill(lister, SIGKILL);
+  int status = 0;
+  waitpid(lister, &status, 0);
+  EXPECT_EQ(failures, 0);
+}
+
 // ---- the host's disk is full
 
 TEST_F(Recovery, AFullDiskIsAFullTapeWithoutAHalfBlock) {
