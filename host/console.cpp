@@ -16,7 +16,6 @@ namespace host {
 namespace {
 
 constexpr int kSendSilenceMs = 60000;
-constexpr int kDrainMs = 5000;
 
 volatile sig_atomic_t stopping = 0;
 
@@ -87,10 +86,10 @@ bool Console::send(std::string_view text) {
   return true;
 }
 
-void Console::drain() {
+void Console::drain(int limitMs) {
   shutdown(sd_, SHUT_WR);
   char dropped[4096];
-  for (long long deadline = base::nowMs() + kDrainMs;;) {
+  for (long long deadline = base::nowMs() + limitMs;;) {
     long long left = deadline - base::nowMs();
     pollfd look{sd_, POLLIN, 0};
     if (left <= 0 || poll(&look, 1, static_cast<int>(left)) == 0) return;

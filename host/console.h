@@ -29,7 +29,7 @@ class Console {
   // Ends our side, then reads and drops what still comes until the peer closes, at most 5 s.
   // Closing with unread input would reset the connection, and the peer would lose what we sent
   // last.
-  void drain();
+  void drain(int limitMs = 5000);
 
  private:
   int sd_;

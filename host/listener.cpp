@@ -32,7 +32,9 @@ namespace host {
 
 namespace {
 
-constexpr int kBacklog = 16;
+// Room for a site's worth of agents at once. The host speaks first here: a connection that overflows the queue
+// looks open to its peer, which would wait for a greeting that nobody sends.
+constexpr int kBacklog = 256;
 constexpr uint16_t kDefaultPort = 2345;
 constexpr int kShortagePauseMs = 200;
 constexpr int kAtOnce = 32;  // connections taken before the other descriptors are looked at again

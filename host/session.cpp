@@ -28,6 +28,7 @@ namespace host {
 
 namespace {
 
+constexpr int kStrangerDrainMs = 500;
 constexpr size_t kMaxRequest = 4095;
 constexpr std::string_view kPrompt = "ZuL>";
 constexpr const char *kGroup = "zul";
@@ -105,7 +106,8 @@ bool logInRemote(Console &console, const SessionStart &start, Peer &peer) {
            why.c_str());
   base::sleepMs(start.patience.refusalMs);
   console.send("NO\n");
-  console.drain();
+  // Strangers hold one of few places meanwhile.
+  console.drain(kStrangerDrainMs);
   return false;
 }
 

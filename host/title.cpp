@@ -9,6 +9,7 @@ namespace host {
 namespace {
 
 char *area = nullptr;
+char **environmentCopy = nullptr;  // kept for as long as the process lives: somebody may hold its texts
 size_t areaSize = 0;
 
 // The strings lie one behind the other as the kernel put them; what does not follow is not ours to
@@ -29,12 +30,11 @@ void prepareTitle(int argc, char **argv) {
   char *end = endOfArea(argc, argv);
   size_t count = 0;
   while (environ[count]) count++;
-  // Kept for as long as the process lives.
-  char **copy = static_cast<char **>(calloc(count + 1, sizeof *copy));
-  if (!copy) return;
+  environmentCopy = static_cast<char **>(calloc(count + 1, sizeof *environmentCopy));
+  if (!environmentCopy) return;
   for (size_t at = 0; at < count; at++)
-    if (!(copy[at] = strdup(environ[at]))) return;
-  environ = copy;
+    if (!(environmentCopy[at] = strdup(environ[at]))) return;
+  environ = environmentCopy;
   area = argv[0];
   areaSize = static_cast<size_t>(end - argv[0]);
 }

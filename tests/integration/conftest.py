@@ -1,0 +1,63 @@
+"""Fixtures of the tests that drive the built programs.
+
+The console's ports are fixed, so the whole run moves into a network namespace of its own, where they are free
+whatever else the machine does. No privilege is needed for that.
+"""
+import ctypes
+import os
+import subprocess
+import sys
+
+import pytest
+
+FOLDER = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, FOLDER)
+
+CLONE_NEWUSER, CLONE_NEWNET = 0x10000000, 0x40000000
+
+
+def enter_own_network():
+    libc = ctypes.CDLL(None, use_errno=True)
+    uid, gid = os.getuid(), os.getgid()
+    if libc.unshare(CLONE_NEWNET) != 0:
+        # An ordinary user is root in a user namespace of his own, which is enough for this.
+        if libc.unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0:
+            raise OSError(ctypes.get_errno(), "cannot make a network namespace")
+        for name, text in (("setgroups", "deny"), ("uid_map", f"0 {uid} 1"), ("gid_map", f"0 {gid} 1")):
+            with open(f"/proc/self/{name}", "w") as handle:
+                handle.write(text)
+    subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
+
+
+@pytest.fixture(scope="session", autouse=True)
+def own_network():
+    enter_own_network()
+
+
+@pytest.fixture(scope="session")
+def fake_module(tmp_path_factory):
+    """The module that does what a test asks of it."""
+    library = str(tmp_path_factory.mktemp("fake") / "libtape.so")
+    subprocess.run(["cc", "-shared", "-fPIC", "-O1", "-o", library, os.path.join(FOLDER, "fakemodule.c")], check=True)
+    return library
+
+
+@pytest.fixture
+def make_home(tmp_path):
+    """make_home(**settings) -> a Home; its daemon and jobs are gone at the end of the test."""
+    from home import Home
+    made = []
+
+    def make(**settings):
+        made.append(Home(tmp_path / f"home{len(made)}", **settings))
+        return made[-1]
+
+    yield make
+    for home in made:
+        home.clean_up()
+
+
+@pytest.fixture
+def fake_home(make_home, fake_module):
+    """A home with the fake module, its daemon running."""
+    return make_home(module=fake_module).start()
