@@ -5,9 +5,14 @@
 namespace base {
 
 int setAlarmTimer(int seconds) {
+  return setAlarmTimerMs(seconds * 1000);
+}
+
+int setAlarmTimerMs(int ms) {
   itimerval timer{};
-  timer.it_value.tv_sec = seconds;
-  timer.it_interval.tv_sec = seconds;
+  timer.it_value.tv_sec = ms / 1000;
+  timer.it_value.tv_usec = ms % 1000 * 1000;
+  timer.it_interval = timer.it_value;
   return setitimer(ITIMER_REAL, &timer, nullptr);
 }
 

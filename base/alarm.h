@@ -43,6 +43,8 @@ struct AlarmGuard {
 
 // Sets the real-time interval timer: first expiry and interval, in seconds; 0 stops it. 0 or -1.
 int setAlarmTimer(int seconds);
+// The same in milliseconds.
+int setAlarmTimerMs(int ms);
 
 // Installs a SIGALRM action without SA_RESTART, so that an alarm always wakes a blocked call. 0 or
 // -1.

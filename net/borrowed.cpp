@@ -25,7 +25,7 @@
 
 namespace net {
 
-Timeouts timeouts = {60000, 30000, 8, 300, 600, 10, 30000, 30000, 10000};
+Timeouts timeouts = {60000, 30000, 8, 300000, 600000, 10000, 30000, 30000, 10000};
 
 namespace {
 

@@ -55,7 +55,6 @@ struct Dialogue {
   char **transforms;
   Source source;                 // the current file
   bool described;                // source holds the answer to a "Next"
-  bool broken;                   // the connection failed, and that was said
   char directory[kNameMax + 1];  // the last directory that was offered
 };
 Dialogue dialogue;
@@ -106,7 +105,7 @@ Listed nextAwaited(char **path) {
     }
     // The generator is alive, so this is no step that hangs.
     if (base::nowMs() - armedMs >= 1000) {
-      base::setAlarmTimer(timeouts.stepS);
+      base::setAlarmTimerMs(timeouts.stepMs);
       armedMs = base::nowMs();
     }
   }
@@ -179,7 +178,7 @@ int answerNext() {
 void answerGet() {
   Source &source = dialogue.source;
   if (source.pinned && dialogue.described) {
-    base::setAlarmTimer(timeouts.fileS);
+    base::setAlarmTimerMs(timeouts.fileMs);
     sendSource(&source, dialogue.sd);
   } else {
     sendFile(dialogue.repmode, dialogue.sd, source.path, dialogue.transforms);
@@ -205,19 +204,23 @@ int obey(const char *line) {
 }
 
 int converse() {
-  for (;;) {
-    // A connection that failed for good is left to the timer that is running, and spoken of once.
-    if (!dialogue.broken && base::setAlarmTimer(timeouts.stepS) != 0) return -1;
+  for (bool broken = false;;) {
+    if (!broken && base::setAlarmTimerMs(timeouts.stepMs) != 0) return -1;
     char line[kCommandMax];
     ssize_t result = readCommand(line);
-    if (dialogue.broken) {
+    if (broken) {
       base::pauseFor(base::Pause::EmptyRead);
       continue;
     }
     int outcome = obey(line);
     if (outcome != kGoOn) return outcome;
-    // A time-out leaves the connection as it was; every other failure will come again at once.
-    dialogue.broken = result < 0 && result != -2;
+    // A time-out leaves the connection as it was. Every other failure will come again at once: it
+    // was spoken of, and the rest is left to the timer, armed here once more because a file may
+    // have been sent under its own.
+    if (result < 0 && result != -2) {
+      broken = true;
+      base::setAlarmTimerMs(timeouts.stepMs);
+    }
   }
 }
 
@@ -280,12 +283,12 @@ int servHandshak(int repmode, int sd, const char *path, char **transforms) {
       net::hangUp();
       // Left running: what follows the dialogue may hang as well, and a late alarm finds the guard
       // closed.
-      base::setAlarmTimer(net::timeouts.fileS);
+      base::setAlarmTimerMs(net::timeouts.fileMs);
       return net::kTimedOut;
     }
     gathererGuard.armed = 1;
     // The peer may have died before it connected: it is waited for under the same limit.
-    result = base::setAlarmTimer(net::timeouts.stepS) == 0 ? net::greet(sd) : -1;
+    result = base::setAlarmTimerMs(net::timeouts.stepMs) == 0 ? net::greet(sd) : -1;
     if (result == 0) result = net::converse();
     gathererGuard.reset();
     base::setAlarmTimer(0);

@@ -76,7 +76,7 @@ int mkFlist(int reqid, int since) {
     return -1;
   }
   if (pid == 0) startGenerator(reqid, since);
-  long long endMs = base::nowMs() + net::timeouts.startS * 1000LL;
+  long long endMs = base::nowMs() + net::timeouts.startMs;
   while (base::nowMs() < endMs) {
     base::pauseFor(base::Pause::ListStart);
     int status;

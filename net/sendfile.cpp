@@ -41,7 +41,7 @@ struct Transfer {
 void rearm(Transfer *transfer) {
   long long now = base::nowMs();
   if (now - transfer->armedMs < 1000) return;
-  base::setAlarmTimer(timeouts.fileS);
+  base::setAlarmTimerMs(timeouts.fileMs);
   transfer->armedMs = now;
 }
 
@@ -95,11 +95,7 @@ void lookAtLink(Source *source) {
     return;
   }
   source->link[length] = '\0';
-  uint64_t announced = source->header.size;
   source->header.size = static_cast<uint64_t>(length) + 1;
-  if (announced != source->header.size)
-    note("NOTICE:  Target of link %s is longer than 255 characters, the peer may lose its place\n",
-         source->path);
 }
 
 long sendLink(Transfer *transfer) {
@@ -243,7 +239,7 @@ long sendSource(Source *source, int sd) {
 }  // namespace net
 
 long sendFile(int repmode, int sd, char *path, char **transforms) {
-  base::setAlarmTimer(net::timeouts.fileS);
+  base::setAlarmTimerMs(net::timeouts.fileMs);
   net::Source source;
   if (net::describeSource(&source, repmode, path, transforms) < 0) {
     net::note("WARNING:  3015  File %s not found, skipping\n", path);

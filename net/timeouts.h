@@ -8,9 +8,10 @@ struct Timeouts {
   int streamMs;  // one wait of readn or writen
   int lineMs;    // one byte of readnline
   int connectS;  // connecting to an agent
-  int stepS;     // one step of the gatherer's dialogue
-  int fileS;  // the gatherer's timer while a file is sent, begun anew with every second of progress
-  int startS;    // the first process of the list generator
+  int stepMs;    // one step of the gatherer's dialogue
+  int fileMs;    // the gatherer's timer while a file is sent, begun anew with every second of
+                 // progress
+  int startMs;   // the first process of the list generator
   int listMs;    // a request list that does not appear
   int nudgeMs;   // an answer to "Next" that has to wait for the list: below streamMs, or the peer
                  // gives up
