@@ -34,7 +34,8 @@ class JobProgress {
   void begin(int job, const char *name, int level, time_t started);
   void setTape(int drive, int tape, int volume);
   void setExpected(uint64_t bytes) { expected_ = bytes; }
-  // Room for so many hosts; without memory for them the record does without.
+  // Room for so many hosts; what is known of as many already stays. Without memory for them the
+  // record does without.
   void setHosts(int count);
 
   // Member number `at` (from 0) as it stands; never null while at is below the count asked for.
