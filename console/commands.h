@@ -79,8 +79,8 @@ Exit listCartridges(const std::string &home, bool json);
 
 struct FollowOptions {
   Target target;
-  std::string job;              // number
-  std::string kind = "backup";  // or "replication", "restore"
+  std::string job;              // number; empty for restores and verifications
+  std::string kind = "backup";  // or "replication", "restore", "verify"
   bool json = false;
   bool plain = false;            // lines, even on a terminal
   std::optional<int64_t> since;  // only a run that started at or after this time

@@ -115,15 +115,21 @@ class Watcher {
     return text ? parseProgress(*text) : std::nullopt;
   }
 
-  // False when the daemon knows the process of the record there to be gone.
-  bool isAlive(const std::string &path) {
+  // False when the daemon knows the process of the record there to be gone. Records that it does
+  // not list are looked for among its processes.
+  bool isAlive(const std::string &path, int64_t pid) {
     std::string text = again<std::string>([&] { return connection_->ask("HOST jobs json").text; });
     nlohmann::json list = nlohmann::json::parse(text, nullptr, false);
     if (!list.is_array()) return true;
     for (const nlohmann::json &entry : list)
       if (entry.is_object() && entry.value("file", nlohmann::json()) == path)
         return entry.value("alive", nlohmann::json()) != false;
-    return true;
+    text = again<std::string>([&] { return connection_->ask("HOST ps json").text; });
+    list = nlohmann::json::parse(text, nullptr, false);
+    if (!list.is_array()) return true;
+    for (const nlohmann::json &entry : list)
+      if (entry.is_object() && entry.value("pid", nlohmann::json()) == pid) return true;
+    return false;
   }
 
  private:
@@ -194,15 +200,16 @@ class Follower {
       // Without a wish for a certain run, one that died long ago is not taken for a new one.
       bool sure = wanted_.since || wanted_.previous;
       if (record && isWanted(*record, wanted_) &&
-          (sure || !record->running() || watcher_.isAlive(path_)))
+          (sure || !record->running() || watcher_.isAlive(path_, record->pid)))
         return *record;
       if (base::nowMs() >= deadline) break;
       base::sleepMs(kLookMs);
     }
     if (record && record->running() && isWanted(*record, wanted_)) gone(*record);
     throw Failure(Exit::failed,
-                  "no run of " + options_.kind + " " + options_.job + " appeared within " +
-                      std::to_string(options_.waitSeconds) + " s; " + describeRecord(record),
+                  "no run of " + options_.kind + (options_.job.empty() ? "" : " " + options_.job) +
+                      " appeared within " + std::to_string(options_.waitSeconds) + " s; " +
+                      describeRecord(record),
                   "If it was requested, its status file may say why it did not start: zul get " +
                       statusPath());
   }
@@ -219,7 +226,7 @@ class Follower {
     }
     if (base::nowMs() - movedAt_ < kStaleSeconds * 1000LL) return;
     movedAt_ = base::nowMs();
-    if (watcher_.isAlive(path_)) return;
+    if (watcher_.isAlive(path_, progress.pid)) return;
     // Between the two looks it may have recorded its end.
     std::optional<Progress> last = watcher_.look(path_);
     if (last && last->running() && last->pid == progress.pid) gone(progress);

@@ -193,18 +193,29 @@ void addReports(CLI::App &app, CommandLine &line) {
           "appeared;\n"
           "3 no daemon answers; 4 its process is gone and has recorded no end.\n\n"
           "Examples:\n"
-          "  zul follow 7\n"
+          "  zul follow 7\n  zul follow restore\n"
           "  since=$(date +%s); zul request 'TAPE backup 7 0' && zul follow 7 --since $since",
           line, [&line] {
             line.follow.target = targetOf(line);
+            // Restores and verifications have no number: one of them runs at a time.
+            if (!isdigit(static_cast<unsigned char>(line.follow.job[0])))
+              line.follow.kind = std::exchange(line.follow.job, "");
             if (!line.since.empty()) line.follow.since = sinceOf(line.since);
             return followJob(line.follow);
           });
-  follow->add_option("job", line.follow.job, "The job's number")
+  follow->add_option("job", line.follow.job, "The job's number, or \"restore\" or \"verify\"")
       ->required()
-      ->check(CLI::NonNegativeNumber);
-  follow->add_option("--kind", line.follow.kind, "backup (default), replication or restore")
-      ->check(CLI::IsMember({"backup", "replication", "restore"}));
+      ->type_name("JOB")
+      ->check([](const std::string &text) {
+        bool number = !text.empty() && text.find_first_not_of("0123456789") == text.npos;
+        bool known = number || text == "restore" || text == "verify";
+        return known ? "" : "\"" + oneLine(text) + "\" is no number of a job";
+      });
+  follow
+      ->add_flag_callback(
+          "--replication", [&line] { line.follow.kind = "replication"; },
+          "The number is that of a replication, not of a backup")
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
   follow->add_flag("--json", line.follow.json, "Print each record on a line");
   follow->add_flag("--plain", line.follow.plain, "Print lines even on a terminal");
   follow

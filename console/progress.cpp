@@ -67,6 +67,13 @@ std::optional<Progress> parseProgress(const std::string &text) {
   progress.bytes = amountOf(object, "bytes");
   progress.rate = amountOf(object, "rate");
   progress.expectedBytes = amountOf(object, "expectedBytes");
+  progress.packages = amountOf(object, "packages");
+  progress.wantedPackages = amountOf(object, "wantedPackages");
+  progress.failed = amountOf(object, "failed");
+  progress.missing = amountOf(object, "missing");
+  progress.problems = amountOf(object, "problems");
+  std::string target = textOf(object, "host"), folder = textOf(object, "destination");
+  if (!target.empty()) progress.name = "to " + target + ":" + folder;
   if (object.contains("result") && object["result"].is_number())
     progress.result = numberOf(object, "result", 0);
   progress.error = textOf(object, "error");
@@ -81,13 +88,14 @@ std::optional<Progress> parseProgress(const std::string &text) {
 std::string progressPath(const std::string &kind, const std::string &job) {
   if (kind == "backup") return "var/tape/jobids/" + job + ".status.progress";
   if (kind == "replication") return "var/tape/jobids/replicate." + job + ".stat.progress";
+  if (kind == "verify") return "var/tape/verify.status.progress";
   if (kind == "restore") return "var/tape/restore.serv.progress";
   return "";
 }
 
 std::string jobText(const Progress &progress) {
-  std::string text = (progress.kind.empty() ? "job" : oneLine(progress.kind)) + " ";
-  text += std::to_string(progress.job);
+  std::string text = progress.kind.empty() ? "job" : oneLine(progress.kind);
+  if (progress.job != 0) text += " " + std::to_string(progress.job);
   return progress.name.empty() ? text : text + " (" + oneLine(progress.name) + ")";
 }
 

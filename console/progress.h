@@ -27,6 +27,10 @@ struct Progress {
   int64_t drive = -1, tape = -1, volume = -1, level = -1;  // -1: does not apply
   uint64_t files = 0, bytes = 0, rate = 0;
   uint64_t expectedBytes = 0;  // 0: unknown
+  // Of restores, which know how many packages they look for and not how many bytes these hold.
+  uint64_t packages = 0, wantedPackages = 0;
+  uint64_t failed = 0, missing = 0;  // files of a restore
+  uint64_t problems = 0;             // of a verification
   std::optional<int64_t> result;
   std::string error;
   std::vector<HostProgress> hosts;
@@ -40,7 +44,8 @@ struct Progress {
 // defaults, so that records of older and newer agents can be followed.
 std::optional<Progress> parseProgress(const std::string &text);
 
-// Where the record of a job lies, relative to the home; empty for an unknown kind.
+// Where the record of a job lies, relative to the home; empty for an unknown kind. Restores and
+// verifications have one place for all and no number.
 std::string progressPath(const std::string &kind, const std::string &job);
 
 // "backup 7 (daily)"

@@ -22,16 +22,15 @@ struct JobWords {
 };
 
 std::optional<JobWords> startedJob(const std::string &line) {
-  for (const char *kind : {"backup", "replicate"}) {
-    std::string begin = std::string("TAPE ") + kind + " ";
-    if (line.rfind(begin, 0) != 0) continue;
-    size_t from = line.find_first_not_of(' ', begin.size());
-    if (from == line.npos) return std::nullopt;
-    std::string job = line.substr(from, line.find(' ', from) - from);
-    if (job.find_first_not_of("0123456789") != job.npos) return std::nullopt;
-    return JobWords{strcmp(kind, "backup") == 0 ? "backup" : "replication", job};
-  }
-  return std::nullopt;
+  auto begins = [&](std::string_view words) { return line.compare(0, words.size(), words) == 0; };
+  if (begins("TAPE restore ")) return JobWords{"restore", ""};
+  if (begins("TAPE verify ")) return JobWords{"verify", ""};
+  if (!begins("TAPE backup ") && !begins("TAPE replicate ")) return std::nullopt;
+  size_t from = line.find_first_not_of(' ', line.find(' ', strlen("TAPE ")));
+  if (from == line.npos) return std::nullopt;
+  std::string job = line.substr(from, line.find(' ', from) - from);
+  if (job.find_first_not_of("0123456789") != job.npos) return std::nullopt;
+  return JobWords{begins("TAPE backup ") ? "backup" : "replication", job};
 }
 
 std::string readUpload(const std::string &path) {
@@ -88,8 +87,9 @@ Exit runRequest(const RequestOptions &options) {
   const std::string &line = options.line;
   std::optional<JobWords> job = startedJob(line);
   if (options.follow && !job)
-    throw Failure(Exit::usage,
-                  "--follow goes with \"TAPE backup JOB LEVEL\" or \"TAPE replicate JOB\"");
+    throw Failure(
+        Exit::usage,
+        "--follow goes with requests that start a job: TAPE backup, restore, verify, replicate");
   if (asksForUpload(line) && options.upload.empty())
     throw Failure(
         Exit::usage, "\"" + line + "\" wants the lines of the job",

@@ -81,8 +81,11 @@ std::string hostChange(const HostProgress &host) {
 }  // namespace
 
 std::string drawBar(const Progress &progress, int width) {
-  if (progress.expectedBytes == 0) return "";
-  double share = static_cast<double>(progress.bytes) / static_cast<double>(progress.expectedBytes);
+  bool byBytes = progress.expectedBytes > 0;
+  uint64_t goal = byBytes ? progress.expectedBytes : progress.wantedPackages;
+  if (goal == 0) return "";
+  double share =
+      static_cast<double>(byBytes ? progress.bytes : progress.packages) / static_cast<double>(goal);
   // The goal is what the last run came to; this one may be larger, and is complete only when it
   // says so.
   share = progress.done() ? 1 : std::min(share, 0.99);
@@ -154,6 +157,10 @@ std::vector<std::string> describeEnd(const Progress &progress) {
     text += ", " + std::to_string(countState(progress, "done")) + " of " +
             countText(progress.hosts.size(), "host");
   lines.push_back(text + ", " + totalText(progress));
+  if (progress.failed > 0) lines.push_back(countText(progress.failed, "file") + " failed");
+  if (progress.missing > 0)
+    lines.push_back(countText(progress.missing, "file") + " not on the tape");
+  if (progress.problems > 0) lines.push_back(countText(progress.problems, "problem") + " found");
   if (!progress.done() && progress.result && *progress.result != 0)
     lines.push_back("the job ended with " + std::to_string(*progress.result));
   if (!progress.error.empty()) lines.push_back(oneLine(progress.error));

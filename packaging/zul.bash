@@ -24,7 +24,7 @@ _zul() {
   # The subcommand, and its part, are the first words that are neither options nor their values.
   for ((at = 1; at < COMP_CWORD; at++)); do
     case ${COMP_WORDS[at]} in
-      --home | --host | --user | --password-file | --size | --secret | --module | --log | --upload | --kind | \
+      --home | --host | --user | --password-file | --size | --secret | --module | --log | --upload | \
         --since | --wait | --drive | --role | --new-password-file) ((at++)) ;;
       -*) ;;
       *) if [[ -z $command ]]; then command=${COMP_WORDS[at]}; elif [[ -z $part ]]; then part=${COMP_WORDS[at]}; fi ;;
@@ -34,7 +34,6 @@ _zul() {
   case $before in
     --home | --password-file | --secret | --module | --log | --upload | --new-password-file)
       mapfile -t COMPREPLY < <(compgen -f -- "$word"); return ;;
-    --kind) mapfile -t COMPREPLY < <(compgen -W 'backup replication restore' -- "$word"); return ;;
     --role) mapfile -t COMPREPLY < <(compgen -W 'operator viewer' -- "$word"); return ;;
     --drive) mapfile -t COMPREPLY < <(compgen -W "$(_zul_names drives)" -- "$word"); return ;;
     --host | --user | --size | --since | --wait) return ;;
@@ -47,7 +46,7 @@ _zul() {
     init) words='--classic --force --size --no-drive --secret --module' ;;
     up) words='--log' ;;
     request) words='--follow --upload' ;;
-    follow) words='--kind --json --plain --since --wait' ;;
+    follow) words='--replication --json --plain --since --wait' ;;
     status | jobs | ps) words='--json' ;;
     vtape)
       case $part in

@@ -75,6 +75,7 @@ TEST(ProgressRecord, LiesBesideTheStatusFile) {
   EXPECT_EQ(progressPath("backup", "7"), "var/tape/jobids/7.status.progress");
   EXPECT_EQ(progressPath("replication", "3"), "var/tape/jobids/replicate.3.stat.progress");
   EXPECT_EQ(progressPath("restore", "0"), "var/tape/restore.serv.progress");
+  EXPECT_EQ(progressPath("verify", ""), "var/tape/verify.status.progress");
   EXPECT_EQ(progressPath("dream", "1"), "");
 }
 
@@ -230,4 +231,32 @@ TEST(Ends, OfFailedJobsNameResultAndError) {
   EXPECT_EQ(lines[0], "failed, 2 of 3 hosts, 30 files, 1.0 MiB, 0:01:00");
   EXPECT_EQ(lines[1], "the job ended with -993");
   EXPECT_EQ(lines[2], "one host failed");
+}
+
+TEST(Restores, HaveABarByPackagesAndNameTheDestination) {
+  Progress progress =
+      parseProgress(
+          R"({"kind":"restore","pid":5,"state":"running","started":1000,"updated":1002,"ended":0,)"
+          R"("drive":0,"tape":0,"volume":1,"host":"h2","destination":"/back","wantedPackages":10,)"
+          R"("packages":5,"files":5,"bytes":2048,"rate":1024,"result":null,"error":""})")
+          .value();
+  EXPECT_EQ(jobText(progress), "restore (to h2:/back)");
+  EXPECT_EQ(drawBar(progress, 22), "[##########----------]  50 %");
+}
+
+TEST(Restores, TellWhatFailedAndWhatWasNotOnTheTape) {
+  Progress progress = ended("failed");
+  progress.hosts.clear();
+  progress.failed = 1;
+  progress.missing = 2;
+  std::vector<std::string> lines = describeEnd(progress);
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_EQ(lines[1], "1 file failed");
+  EXPECT_EQ(lines[2], "2 files not on the tape");
+}
+
+TEST(Verifications, TellHowManyProblemsWereFound) {
+  Progress progress = ended("failed");
+  progress.problems = 3;
+  EXPECT_EQ(describeEnd(progress).back(), "3 problems found");
 }
