@@ -70,7 +70,7 @@ Record lookBack(int image, int64_t offset) {
     if (readWord(image, at, &first) != kWord || first != word) break;
     return {Kind::data, word, at, at};
   }
-  return {offset < kWord ? Kind::end : Kind::damage, 0, offset, offset};
+  return {offset == 0 ? Kind::end : Kind::damage, 0, offset, offset};
 }
 
 Record Walk::next() {

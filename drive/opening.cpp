@@ -111,14 +111,17 @@ static int openImage(Handle &handle, const char *cartridge) {
 
 // Is it the position of a tape of this name and image? The state is a file that anything may have
 // happened to.
-static bool isStateOf(const State &state, const char *cartridge, const struct stat &image) {
+static bool isStateOf(const State &state, const char *cartridge, int fd, const struct stat &image) {
   if (strcmp(state.cartridge, cartridge) != 0 || state.inode != image.st_ino) return false;
   if (state.blockSize > image::kBlockMax || state.passed > Passed::end || state.isWritten > 1 ||
       state.isWarned > 1 || state.fileNo < -1 || state.blockNo < -1)
     return false;
-  // What a killed writer left is looked at from the last durable place on; a tape at rest has the
-  // length that it was left with.
-  if (state.isWritten) return state.durable >= 0 && state.durable <= image.st_size;
+  // What a killed writer left is looked at from the last durable place on, which is the end of a
+  // block or mark: cutting anywhere else would cost good data. A tape at rest has the length that
+  // it was left with.
+  if (state.isWritten)
+    return state.durable >= 0 && state.durable <= image.st_size &&
+           image::lookBack(fd, state.durable).kind != image::Kind::damage;
   return state.seenSize == image.st_size && state.offset >= 0 && state.offset <= image.st_size;
 }
 
@@ -126,7 +129,7 @@ static bool isStateOf(const State &state, const char *cartridge, const struct st
 static int adoptState(Handle &handle, const char *cartridge) {
   struct stat image;
   if (fstat(handle.image, &image) != 0) return -1;
-  if (!isStateOf(*handle.state, cartridge, image)) {
+  if (!isStateOf(*handle.state, cartridge, handle.image, image)) {
     resetState(handle.state, cartridge, handle.image);
     return 0;
   }

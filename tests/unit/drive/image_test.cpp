@@ -118,7 +118,7 @@ TEST_F(Image, LooksBackNoFurtherThanTheBeginning) {
   fill(BYTES("ab\4\0\0\0"));
   EXPECT_EQ(drive::image::lookBack(fd, 6).kind, Kind::damage);
   fill(BYTES("ab"));
-  EXPECT_EQ(drive::image::lookBack(fd, 2).kind, Kind::end);
+  EXPECT_EQ(drive::image::lookBack(fd, 2).kind, Kind::damage);
 }
 
 TEST_F(Image, WalksOverMarksAndBlocksAlike) {
