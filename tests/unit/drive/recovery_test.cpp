@@ -231,10 +231,14 @@ TEST_F(Recovery, AFullDiskIsAFullTapeWithoutAHalfBlock) {
 
 // A place where mounting is allowed, for root and for anybody else.
 bool ownMounts() {
-  std::string map = "0 " + std::to_string(geteuid()) + " 1";
+  std::string user = "0 " + std::to_string(geteuid()) + " 1";
+  std::string group = "0 " + std::to_string(getegid()) + " 1";
   if (unshare(CLONE_NEWNS) != 0) {
     if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return false;
-    support::writeFile("/proc/self/uid_map", map);
+    // Files cannot be made for a user or group that the new namespace does not know.
+    support::writeFile("/proc/self/setgroups", "deny");
+    support::writeFile("/proc/self/uid_map", user);
+    support::writeFile("/proc/self/gid_map", group);
   }
   return mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
 }
