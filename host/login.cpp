@@ -18,7 +18,6 @@ namespace login {
 namespace {
 
 constexpr size_t kHexNonce = 2 * kNonceBytes;
-constexpr size_t kHexMac = 2 * kMacBytes;
 constexpr std::string_view kGreetingWord = "ZUL1 ";
 constexpr std::string_view kAcceptanceWord = "OK ";
 
