@@ -1,3 +1,5 @@
+// Rights on the console. Sessions ask before they start a request's process, and at an agent's
+// login; what is decided here is decided on the same words that the module will find.
 #include "host/authorise.h"
 
 #include <arpa/inet.h>

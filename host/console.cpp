@@ -1,3 +1,5 @@
+// Reading lines and sending texts in a session's process. The socket stays in blocking mode,
+// because requests inherit it; every wait here is a poll with its own limit.
 #include "host/console.h"
 
 #include <errno.h>

@@ -1,3 +1,6 @@
+// HOST get, tail and put, in request processes. The words come from operators, the files may change
+// or vanish at any time, and the peer may stop reading or sending in the middle: each ends in an
+// error line or a cut connection, never in a wrong file.
 #include "host/files.h"
 
 #include <errno.h>

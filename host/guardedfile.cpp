@@ -1,3 +1,5 @@
+// The files that the login rests on: the daemon's sessions and the operator's command read and
+// write them here.
 #include "host/guardedfile.h"
 
 #include <errno.h>

@@ -1,3 +1,5 @@
+// Opens, reopens and writes the log. The listener opens it; sessions, requests and the module write
+// to the stream they inherited.
 #include "host/hostlog.h"
 
 #include <errno.h>
@@ -70,8 +72,9 @@ void logEvent(const char *format, ...) {
   va_start(args, format);
   vsnprintf(line + length, sizeof line - length - 1, format, args);
   va_end(args);
-  strcat(line, "\n");
-  fputs(line, fplog);
+  size_t end = strlen(line);
+  line[end] = '\n';
+  fwrite(line, 1, end + 1, fplog);
   fflush(fplog);
   errno = kept;
 }

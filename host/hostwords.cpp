@@ -1,3 +1,5 @@
+// Takes the daemon's own requests apart and answers them, in request processes. What others wrote
+// (records, titles of processes, names) is shown only as far as it prints.
 #include "host/hostwords.h"
 
 #include <ctype.h>

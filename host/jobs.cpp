@@ -1,3 +1,5 @@
+// Reads what jobs tell of their progress, for HOST jobs. Records are replaced under our eyes by
+// their jobs, and may be of any age or kind: what is no record is left out.
 #include "host/jobs.h"
 
 #include <dirent.h>
@@ -60,7 +62,7 @@ bool isAlive(const nlohmann::json &record) {
     return false;
   if (process.state == 'Z') return false;
   return updated == record.end() || !updated->is_number() ||
-         process.started <= updated->get<double>() + 2;
+         static_cast<double>(process.started) <= updated->get<double>() + 2;
 }
 
 }  // namespace

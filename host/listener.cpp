@@ -1,3 +1,6 @@
+// The listener: one process, one loop over four descriptors. Each connection is forked off at once;
+// what a session has to tell (its login is over) comes through a pipe, and its end as a signal that
+// is read like a message.
 #include "host/listener.h"
 
 #include <arpa/inet.h>
@@ -32,8 +35,8 @@ namespace host {
 
 namespace {
 
-// Room for a site's worth of agents at once. The host speaks first here: a connection that overflows the queue
-// looks open to its peer, which would wait for a greeting that nobody sends.
+// Room for a site's worth of agents at once. The host speaks first here: a connection that
+// overflows the queue looks open to its peer, which would wait for a greeting that nobody sends.
 constexpr int kBacklog = 256;
 constexpr uint16_t kDefaultPort = 2345;
 constexpr int kShortagePauseMs = 200;

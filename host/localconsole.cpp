@@ -1,3 +1,4 @@
+// The local socket from both sides: the daemon makes it, the operator's command connects to it.
 #include "host/localconsole.h"
 
 #include <errno.h>

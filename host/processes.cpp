@@ -1,3 +1,5 @@
+// Finds the work of this home in /proc, for HOST ps, kill and jobs. Nothing is kept in a file about
+// it, so that nothing can be out of date after a crash: a process is asked what it is.
 #include "host/processes.h"
 
 #include <ctype.h>

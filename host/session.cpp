@@ -1,3 +1,5 @@
+// A session: finds out who the peer is, then runs its requests one after the other, each in a
+// process of its own. It waits for each to end, whatever the peer does meanwhile.
 #include "host/session.h"
 
 #include <arpa/inet.h>

@@ -9,7 +9,8 @@ namespace host {
 namespace {
 
 char *area = nullptr;
-char **environmentCopy = nullptr;  // kept for as long as the process lives: somebody may hold its texts
+char **environmentCopy =
+    nullptr;  // kept for as long as the process lives: somebody may hold its texts
 size_t areaSize = 0;
 
 // The strings lie one behind the other as the kernel put them; what does not follow is not ours to

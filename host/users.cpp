@@ -1,3 +1,5 @@
+// The file of operators. The daemon looks users up at a login; the operator's command changes the
+// file.
 #include "host/users.h"
 
 #include <errno.h>

@@ -1,3 +1,4 @@
+// Who may run what, and which nodes may log in from where.
 #include "host/authorise.h"
 
 #include <sys/stat.h>

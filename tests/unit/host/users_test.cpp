@@ -1,3 +1,4 @@
+// The file of operators: adding, changing, removing, and files that must not be trusted.
 #include "host/users.h"
 
 #include <sys/stat.h>
