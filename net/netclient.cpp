@@ -82,6 +82,7 @@ void awaitMailbox(ipc *slot) {
 }
 
 [[noreturn]] void fail(ipc *slot, int flags) {
+  if (gatherParentGone()) leaveOrphaned(slot);
   if (backuplog && backuplog != stderr) fclose(backuplog);
   backuplog = stderr;
   setChildFlags(slot, flags);
@@ -118,6 +119,7 @@ int gatherInto(ipc *slot, const char *host) {
   close(mailbox);
   base::print(backuplog, "Flag pointer = %p\n", static_cast<void *>(&slot->cst.flags));
   base::print(backuplog, "Finished with %s\n", host);
+  if (gatherParentGone()) leaveOrphaned(slot);
   return 0;
 }
 
@@ -127,7 +129,8 @@ int gatherInto(ipc *slot, const char *host) {
 int connectData(int sd, const sockaddr_in &address) {
   long long limit = base::nowMs() + gatherLimits.refusedMs;
   while (connect(sd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
-    bool again = errno == ECONNREFUSED && base::sound(base::Area::pace) && base::nowMs() < limit;
+    bool again = errno == ECONNREFUSED && base::sound(base::Area::pace) && base::nowMs() < limit &&
+                 !gatherParentGone();
     close(sd);
     if (!again) return -1;
     base::pauseFor(base::Pause::ConnectRetry);

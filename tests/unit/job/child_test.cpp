@@ -148,6 +148,24 @@ TEST_F(Child, LeavesWhenTheJobDoesNotTakeItsPackageBecauseItIsGone) {
   });
 }
 
+TEST_F(Child, SoundStopsTryingARefusedPortWhenTheJobIsGone) {
+  behave("sound");
+  alone([&] {
+    Client client(kHost, Client::Play{{}, nullptr, true, false});
+    fflush(nullptr);
+    pid_t job = fork();
+    if (job == 0) {
+      mkFIFO(0, 1);
+      startChild();
+      support::eventually([&] { return logged("Connection to: "); });
+      _exit(0);
+    }
+    waitpid(job, nullptr, 0);
+    EXPECT_TRUE(support::eventually([&] { return logged("The backup job is gone, leaving\n"); }));
+    EXPECT_TRUE(support::eventually([&] { return !support::exists(path("tmp/ipc.") + kHost); }));
+  });
+}
+
 TEST_F(Child, ReportsAMailboxThatIsMissing) {
   alone([&] {
     Client client(kHost, std::vector<File>{});
