@@ -1,3 +1,5 @@
+// Plays the client hosts of the job tests, in child processes, and reads back what a job left on
+// tape. Runs in the tests' processes.
 #include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
