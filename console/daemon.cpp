@@ -63,6 +63,7 @@ struct Ended {
 Ended runQuietly(const std::vector<std::string> &words) {
   base::Fd output(memfd_create("zul-up", MFD_CLOEXEC));
   std::vector<char *> arguments;
+  arguments.reserve(words.size() + 1);
   for (const std::string &word : words) arguments.push_back(const_cast<char *>(word.c_str()));
   arguments.push_back(nullptr);
   posix_spawn_file_actions_t actions;

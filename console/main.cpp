@@ -83,7 +83,7 @@ std::string jsonWord(const CommandLine &line) {
 }
 
 CLI::App *add(CLI::App &app, const char *name, const char *what, const char *more,
-              CommandLine &line, std::function<Exit()> run) {
+              CommandLine &line, const std::function<Exit()> &run) {
   CLI::App *command = app.add_subcommand(name, what);
   command->footer(more);
   command->callback([&line, run] { line.run = run; });
