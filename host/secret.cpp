@@ -13,8 +13,7 @@ namespace {
 // The salt of a password is made from the name, because a client proves its key in its first line
 // and could not be told a stored salt before. A site's users have different names, which is what a
 // salt is for.
-constexpr std::string_view kSaltLabel("zul1-salt",
-                                      10);  // its terminating NUL separates it from the name
+constexpr std::string_view kSaltLabel("zul1-salt\0", 10);  // the NUL separates it from the name
 constexpr unsigned long long kDerivationPasses = 3;
 constexpr size_t kDerivationBytes = size_t{64} << 20;
 
