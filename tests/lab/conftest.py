@@ -24,12 +24,12 @@ def pytest_collection_modifyitems(config, items):
 
 @pytest.fixture
 def make_lab(tmp_path_factory):
-    """make_lab(count, behaviour="sound") -> a Lab that is taken down at the end of the test."""
+    """make_lab(count, behaviour="sound", small=None) -> a Lab that is taken down at the end of the test."""
     import lab as laboratory
     made = []
 
-    def make(count, behaviour="sound"):
-        one = laboratory.Lab(count, tmp_path_factory.mktemp("lab"), behaviour)
+    def make(count, behaviour="sound", small=None):
+        one = laboratory.Lab(count, tmp_path_factory.mktemp("lab"), behaviour, small)
         made.append(one)
         one.up()
         return one

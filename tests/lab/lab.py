@@ -4,10 +4,12 @@
     h2 ---+--- bridge (a namespace of its own)      addresses 10.77.0.1, .2, ... ; names h1, h2, ...
     h3 ---+
 
-Every host is a network namespace with its own node name, its own /etc/hosts, its own home and its own ZULd; the
-file system is shared, so each host's source tree is a folder of its own. Nothing touches the machine's network.
+Every host is a network namespace with its own node name, its own /etc/hosts, its own shared segments, its own home and
+its own ZULd; the file system is shared, so each host's source tree is a folder of its own. Nothing touches the machine's
+network.
 """
 import contextlib
+import fcntl
 import json
 import os
 import shutil
@@ -51,12 +53,19 @@ class Host:
         self.namespace = f"{lab.prefix}{self.name}"
         self.home = os.path.join(lab.folder, self.name, "home")
         self.tree = os.path.join(lab.folder, self.name, "tree")
-        self.daemon = None
+        self.daemon = self.holder = None
+
+    def boot(self):
+        """A process that does nothing keeps the namespaces that "ip" does not: node name, segments, /etc/hosts."""
+        self.holder = subprocess.Popen(
+            ["ip", "netns", "exec", self.namespace, "unshare", "--uts", "--ipc", "--", "sh", "-c",
+             f"hostname {self.name} && echo up && exec sleep infinity"], stdout=subprocess.PIPE, text=True)
+        if self.holder.stdout.readline() != "up\n":
+            raise AssertionError(f"{self.name} does not come up")
 
     def command(self, *words):
-        """The words, run on this host: its network, its node name."""
-        return ["ip", "netns", "exec", self.namespace, "unshare", "--uts", "--", "sh", "-c",
-                f'hostname {self.name}; exec "$@"', "sh", *map(str, words)]
+        """The words, run on this host: its network, its node name, its segments."""
+        return ["nsenter", "-t", str(self.holder.pid), "--net", "--uts", "--ipc", "--mount", "--", *map(str, words)]
 
     def run(self, *words, check=True, **options):
         return run(*self.command(*words), check=check, **options)
@@ -77,10 +86,11 @@ class Host:
         else:
             shutil.copy2(os.path.join(self.home, "etc", "ZULsecret"), secret)
 
-    def start(self):
-        self.log = open(os.path.join(self.lab.folder, self.name, "ZULd.log"), "a")
-        self.daemon = subprocess.Popen(self.command(ZULD, "--home", self.home), stdin=subprocess.DEVNULL,
-                                       stdout=self.log, stderr=self.log)
+    def start(self, *before):
+        """Starts the daemon; "before" are words in front of its command, "setpriv ..." for one."""
+        with open(os.path.join(self.lab.folder, self.name, "ZULd.log"), "a") as log:
+            self.daemon = subprocess.Popen(self.command(*before, ZULD, "--home", self.home), stdin=subprocess.DEVNULL,
+                                           stdout=log, stderr=log)
         eventually(lambda: self.zul("status", check=False).returncode == 0, 20, f"ZULd on {self.name}")
 
     def stop(self):
@@ -88,6 +98,15 @@ class Host:
             self.daemon.terminate()
             self.daemon.wait(20)
         self.daemon = None
+
+    def kill(self, *pids):
+        """kill -9, by default of everything that runs on this host, as a power cut does."""
+        for pid in pids or self.processes():
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(pid, signal.SIGKILL)
+        if self.daemon and (not pids or self.daemon.pid in pids):
+            self.daemon.wait(20)
+            self.daemon = None
 
     def settings(self, text):
         """Adds lines to the site file; daemons read it when a request starts."""
@@ -104,7 +123,27 @@ class Host:
     def processes(self):
         """Pids of everything that runs on this host."""
         listed = run("ip", "netns", "pids", self.namespace).stdout.split()
-        return [int(pid) for pid in listed]
+        return [int(pid) for pid in listed if not self.holder or int(pid) != self.holder.pid]
+
+    def left_over(self):
+        """What a job has left on this host, as texts: processes, mailboxes, ports, segments, locks."""
+        found = []
+        for pid in self.processes():
+            if not self.daemon or pid != self.daemon.pid:
+                with contextlib.suppress(OSError), open(f"/proc/{pid}/cmdline", "rb") as line:
+                    found.append(f"process {pid}: {line.read()}")
+        for name in os.listdir(self.path("tmp")):
+            if name.endswith(".lock"):
+                with open(self.path("tmp", name)) as lock:
+                    try:
+                        fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+                    except BlockingIOError:
+                        found.append(f"a lock on {name}")
+            elif name.startswith("ipc."):
+                found.append(f"the mailbox {name}")
+        found += [f"a port: {line}" for line in self.run("ss", "-Hltn", "sport = :2346").stdout.splitlines()]
+        segments = self.run("cat", "/proc/sysvipc/shm").stdout.splitlines()[1:]
+        return found + [f"a segment: {line}" for line in segments]
 
     def processes_named(self, tag):
         found = []
@@ -118,12 +157,13 @@ class Host:
 class Lab:
     """Makes the hosts, and takes everything down again whatever happened."""
 
-    def __init__(self, count, folder, behaviour="sound"):
+    def __init__(self, count, folder, behaviour="sound", small=None):
+        """small: a size such as "8m" for the disk of h1, which is large otherwise."""
         self.prefix = f"zl{os.getpid() % 100000}"
         self.folder = str(folder)
         self.switch = f"{self.prefix}sw"
         self.hosts = [Host(self, number) for number in range(1, count + 1)]
-        self.behaviour = behaviour
+        self.behaviour, self.small = behaviour, small
 
     def __enter__(self):
         try:
@@ -137,6 +177,11 @@ class Lab:
         self.down()
 
     def up(self):
+        if self.small:
+            # Before the hosts are made: they see what was mounted then.
+            disk = os.path.join(self.folder, "h1")
+            os.makedirs(disk)
+            run("mount", "-t", "tmpfs", "-o", f"size={self.small}", "none", disk)
         run("ip", "netns", "add", self.switch)
         run("ip", "-n", self.switch, "link", "add", "br0", "type", "bridge", "mcast_snooping", "0")
         run("ip", "-n", self.switch, "link", "set", "br0", "up")
@@ -154,6 +199,7 @@ class Lab:
             run("ip", "-n", host.namespace, "addr", "add", f"{host.address}/24", "brd", "10.77.0.255", "dev", "eth0")
             run("ip", "-n", host.namespace, "link", "set", "eth0", "up")
             run("ip", "-n", host.namespace, "route", "add", "224.0.0.0/4", "dev", "eth0")
+            host.boot()
         for host in self.hosts:
             host.install(self.behaviour)
 
@@ -162,12 +208,15 @@ class Lab:
             with contextlib.suppress(Exception):
                 host.stop()
             with contextlib.suppress(Exception):
-                for pid in host.processes():
-                    with contextlib.suppress(OSError):
-                        os.kill(pid, signal.SIGKILL)
+                host.kill()
+            if host.holder:
+                host.holder.kill()
+                host.holder.communicate()
             run("ip", "netns", "del", host.namespace, check=False)
             shutil.rmtree(f"/etc/netns/{host.namespace}", ignore_errors=True)
         run("ip", "netns", "del", self.switch, check=False)
+        if self.small:
+            run("umount", "-l", os.path.join(self.folder, "h1"), check=False)
 
     def __getitem__(self, number):
         """lab[1] is h1."""

@@ -6,54 +6,16 @@ import subprocess
 
 import pytest
 
+from jobs import CARTRIDGE, define, follow, nothing_left, progress
 from lab import eventually, image_of, make_tree, run, tape_summary, tapewalk
-
-CARTRIDGE = "night1"
-DRIVE = 5  # beside the drive that "zul init" makes
-
-
-def define(tape_host, members, trees, job=7, size="256M"):
-    """Drive, tape, group, backup list and job, as an operator would."""
-    tape_host.zul("vtape", "make", CARTRIDGE, "--size", size)
-    tape_host.zul("vtape", "unload", "--drive", "vtape0")
-    tape_host.zul("vtape", "load", CARTRIDGE, "--drive", "vtape0")
-    tape_host.request("TAPE add tape 0:0:0:0:night-one")
-    tape_host.request(f"TAPE add group 1:{','.join(host.name for host in members)}:all hosts")
-    tape_host.request(f"TAPE add jobids {job}:1:2592000:0:0:0:nightly")
-    for tree in trees:
-        tape_host.request(f"TAPE add backuplist {job} {tree}/")
-
-
-def follow(tape_host, job=7, check=True, timeout=120):
-    return tape_host.zul("follow", str(job), check=check, timeout=timeout)
-
-
-def progress(tape_host, job=7):
-    return json.loads(tape_host.read("var", "tape", "jobids", f"{job}.status.progress"))
-
-
-def nothing_left(hosts, before):
-    """No mailbox, no worker, no listening data port, no shared segment more than before."""
-    for host in hosts:
-        assert not [name for name in os.listdir(host.path("tmp")) if name.startswith("ipc.") and
-                    not name.endswith(".lock")], host.name
-        listening = host.run("ss", "-Hltn", "sport = :2346", check=False).stdout
-        assert listening == "", f"{host.name}: {listening}"
-    assert segments() <= before
 
 
 def is_directory(path):
     return os.path.isdir(path) and not os.path.islink(path)
 
 
-def segments():
-    with open("/proc/sysvipc/shm") as table:
-        return len(table.readlines())
-
-
 def test_three_hosts_interleave_on_one_tape_and_every_listing_agrees(make_lab):
     lab = make_lab(3)
-    before = segments()
     for number, host in enumerate(lab.hosts, 1):
         make_tree(host.tree, number, files=150, big=(3 << 20, (1 << 20), (1 << 20) + 1, (2 << 20) - 1))
         host.start()
@@ -90,7 +52,7 @@ def test_three_hosts_interleave_on_one_tape_and_every_listing_agrees(make_lab):
     assert len(lines) == len(set(lines))
     assert len(lines) == sum(1 for line in tapewalk(image, "--headers").stdout.splitlines()
                              if line.startswith("{'type'"))
-    nothing_left(lab.hosts, before)
+    nothing_left(lab.hosts)
 
 
 def test_a_second_volume_goes_behind_the_first(make_lab):
@@ -113,7 +75,6 @@ def test_a_second_volume_goes_behind_the_first(make_lab):
 
 def test_ten_hosts_with_one_down_and_one_killed_midway(make_lab):
     lab = make_lab(10)
-    before = segments()
     for number, host in enumerate(lab.hosts, 1):
         make_tree(host.tree, number, files=30, big=(40 << 20,) if host.name == "h4" else ())
         if host.name != "h6":
@@ -144,7 +105,7 @@ def test_ten_hosts_with_one_down_and_one_killed_midway(make_lab):
     assert h1.request("TAPE get hhist h2").split(",")[3] == "2", "the history says that hosts failed"
     status = h1.read("var", "tape", "jobids", "7.status")
     assert "ERROR:  Backup of h4 failed: " in status and "ERROR:  Backup of h6 failed: " in status
-    nothing_left([host for host in lab.hosts if host.name != "h4"], before)
+    nothing_left([host for host in lab.hosts if host.name != "h4"])
     # The tape goes on: a later job of the hosts that live finds its place.
     h1.request("TAPE mod group 1 1:h1,h2:two")
     h1.request("TAPE backup 7 0")
@@ -247,7 +208,7 @@ def test_a_host_that_stalls_for_a_while_is_waited_for(make_lab):
     pid = eventually(gatherer, 30, "the gatherer of h2")
     os.kill(pid, signal.SIGSTOP)
     with pytest.raises(subprocess.TimeoutExpired):
-        follow(h1, timeout=8)
+        follow(h1, timeout=4)
     os.kill(pid, signal.SIGCONT)
     follow(h1)
     tapewalk(image_of(h1, CARTRIDGE), "--host", "h2", "--compare", h2.tree)

@@ -1,0 +1,57 @@
+"""Backup jobs as an operator defines and watches them; what the scenarios share."""
+import json
+import os
+
+from lab import eventually
+
+CARTRIDGE = "night1"
+
+
+def define(tape_host, members, trees, job=7, size="256M"):
+    """Drive, tape, group, backup list and job."""
+    tape_host.zul("vtape", "make", CARTRIDGE, "--size", size)
+    tape_host.zul("vtape", "unload", "--drive", "vtape0")
+    tape_host.zul("vtape", "load", CARTRIDGE, "--drive", "vtape0")
+    tape_host.request("TAPE add tape 0:0:0:0:night-one")
+    tape_host.request(f"TAPE add group 1:{','.join(host.name for host in members)}:all hosts")
+    tape_host.request(f"TAPE add jobids {job}:1:2592000:0:0:0:nightly")
+    for tree in trees:
+        tape_host.request(f"TAPE add backuplist {job} {tree}/")
+
+
+def follow(tape_host, job=7, check=True, timeout=120):
+    return tape_host.zul("follow", str(job), check=check, timeout=timeout)
+
+
+def progress(tape_host, job=7):
+    """The progress record; empty before the job has one."""
+    path = tape_host.path("var", "tape", "jobids", f"{job}.status.progress")
+    if not os.path.exists(path):
+        return {}
+    with open(path, "rb") as record:
+        return json.loads(record.read().decode())  # strictly text, whatever the names are
+
+
+def states(tape_host, job=7):
+    return {each["host"]: each["state"] for each in progress(tape_host, job).get("hosts", [])}
+
+
+def backup(tape_host, job=7, level=0, fails=False, timeout=120):
+    """Runs the job to its end, which is a failure or is not; the progress record."""
+    tape_host.request(f"TAPE backup {job} {level}")
+    done = follow(tape_host, job, check=False, timeout=timeout)
+    record = progress(tape_host, job)
+    assert done.returncode == (1 if fails else 0), f"{done.stdout}{done.stderr}{record}"
+    return record
+
+
+def nothing_left(hosts, seconds=10):
+    """No process but the daemon, no mailbox, data port, shared segment or held lock."""
+    def all_clean():
+        found = {host.name: host.left_over() for host in hosts}
+        nothing_left.last = {name: what for name, what in found.items() if what}
+        return not nothing_left.last
+    try:
+        eventually(all_clean, seconds)
+    except AssertionError:
+        raise AssertionError(f"left over after {seconds} s: {nothing_left.last}") from None
