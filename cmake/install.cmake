@@ -1,8 +1,30 @@
-# Where a package puts things; a site's home gets its own copy of the module by "zul init".
+# Where a package puts things; a site's home gets its own copies of the libraries by "zul init".
+#
+#   cmake --preset release && cmake --build --preset release && (cd build/release && cpack -G DEB)
 include(GNUInstallDirs)
 install(TARGETS ZULd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 install(TARGETS zul RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(TARGETS tape LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/zul)
+if(TARGET scram)
+  install(TARGETS scram LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/zul)
+endif()
 install(DIRECTORY include/zul DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(FILES docs/man/zul.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES packaging/zuld.service DESTINATION lib/systemd/system)
 install(FILES packaging/zul.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME zul)
+install(FILES docs/man/zul.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES docs/man/ZULd.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+install(FILES README.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY docs/formats docs/protocols DESTINATION ${CMAKE_INSTALL_DOCDIR})
+
+set(CPACK_PACKAGE_NAME zul)
+set(CPACK_PACKAGE_VENDOR "The ZUL team")
+set(CPACK_PACKAGE_CONTACT "The ZUL team <root@localhost>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Tape backup, restore and replication for a site of Linux machines")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES TRUE)
+set(CPACK_DEBIAN_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# Digests of contents are recorded where this is installed; nothing else needs it.
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS libxxhash0)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+include(CPack)
