@@ -239,6 +239,7 @@ int greet(int listening) {
 
 void hangUp() {
   releaseSource(&dialogue.source);
+  releaseSingle();
   if (dialogue.sd >= 0) close(dialogue.sd);
   if (dialogue.list) fclose(dialogue.list);
   dialogue.sd = -1;

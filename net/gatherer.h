@@ -24,7 +24,7 @@ struct Source {
   char path[kNameMax + 1];
   package header;
   bool pinned;              // its contents were fixed together with the header: see describeSource
-  int fd;                   // of a pinned regular file, else -1
+  int fd;                   // of the open file, else -1
   char link[kLinkMax + 1];  // target of a pinned link
   bool explained;           // a message about it stands in the log already
 };
@@ -38,8 +38,11 @@ int describeSource(Source *source, int repmode, const char *path, char **transfo
 // Sends header and contents. The codes of sendFile.
 long sendSource(Source *source, int sd);
 
-// Lets go of what was pinned.
+// Closes what is open of it.
 void releaseSource(Source *source);
+
+// Lets go of the file that sendFile was jumped out of, if there is one.
+void releaseSingle();
 
 // True for a file whose stream form would be cut: the size travels in 32 bits.
 bool tooLargeForStream(const package &header);

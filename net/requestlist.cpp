@@ -29,10 +29,16 @@ char line[kLineMax + 1];
 size_t used;  // characters of the line so far; between calls not 0 only for a line that is still
               // being written
 
-// Reads on in the current line. True when it is whole.
+// Reads on in the current line. True when it is whole. A zero byte, as a list damaged by a power
+// cut may hold, ends the text of its line and not the line.
 bool takeLine(FILE *list) {
-  if (!fgets(line + used, static_cast<int>(sizeof line - used), list)) return false;
-  used += strlen(line + used);
+  while (used < kLineMax) {
+    int c = getc_unlocked(list);
+    if (c == EOF) break;
+    line[used++] = static_cast<char>(c);
+    if (c == '\n') break;
+  }
+  line[used] = '\0';
   return used > 0 && line[used - 1] == '\n';
 }
 

@@ -194,19 +194,24 @@ void noticeGrowth(Transfer *transfer) {
 
 long sendRegular(Transfer *transfer) {
   Source *source = transfer->source;
-  transfer->fd = source->pinned ? source->fd : open(source->path, O_RDONLY | O_CLOEXEC);
+  if (!source->pinned) {
+    gathererGuard.hold();  // a jump between the two would lose the file
+    source->fd = open(source->path, O_RDONLY | O_CLOEXEC);
+    gathererGuard.release();
+  }
+  transfer->fd = source->fd;
   if (transfer->fd < 0) {
     note("WARNING:  3017  Open failed: %s, skipping.\n", source->path);
     return -1;
   }
   int outcome = 1;
   for (int sequence = 0; outcome == 1; sequence++) outcome = sendChunk(transfer, sequence);
-  if (source->pinned)
-    noticeGrowth(transfer);
-  else
-    close(transfer->fd);
+  if (source->pinned) noticeGrowth(transfer);
   return outcome == 0 ? transfer->sent : outcome;
 }
+
+// The file of sendFile. Static, so that a jump out of it does not lose the open file.
+Source single;
 
 }  // namespace
 
@@ -236,16 +241,21 @@ long sendSource(Source *source, int sd) {
   }
 }
 
+void releaseSingle() {
+  if (single.path[0] != '\0') releaseSource(&single);
+}
+
 }  // namespace net
 
 long sendFile(int repmode, int sd, char *path, char **transforms) {
+  using net::single;
   base::setAlarmTimerMs(net::timeouts.fileMs);
-  net::Source source;
-  if (net::describeSource(&source, repmode, path, transforms) < 0) {
+  net::releaseSingle();
+  if (net::describeSource(&single, repmode, path, transforms) < 0) {
     net::note("WARNING:  3015  File %s not found, skipping\n", path);
     return -3;
   }
-  long result = net::sendSource(&source, sd);
-  net::releaseSource(&source);
+  long result = net::sendSource(&single, sd);
+  net::releaseSource(&single);
   return result;
 }

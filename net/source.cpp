@@ -71,15 +71,17 @@ int describeSource(Source *source, int repmode, const char *path, char **transfo
   source->explained = false;
   source->pinned = base::sound(base::Area::stream);
   base::copyText(source->path, sizeof source->path, path);
+  // A jump must come neither inside the messages of getFileData nor between the opening of a file
+  // and the note of it.
   gathererGuard.hold();
   int result = getFileData(source->path, &source->header, transforms);
-  gathererGuard.release();
-  if (result < 0) return result;
   // Left unpinned, a file that grows, shrinks or vanishes before it is sent puts the stream out of
   // step: the rest of the host is lost, and an unreadable file makes the peer wait for it until it
   // gives up the host.
-  if (source->pinned && source->header.type == 0) pinRegular(source);
-  if (source->pinned && source->header.type == 2) pinLink(source);
+  if (result >= 0 && source->pinned && source->header.type == 0) pinRegular(source);
+  if (result >= 0 && source->pinned && source->header.type == 2) pinLink(source);
+  gathererGuard.release();
+  if (result < 0) return result;
   if (repmode) permctrl(0, &source->header);
   source->header.sequence = 0;
   return 0;
