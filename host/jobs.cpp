@@ -20,19 +20,22 @@ namespace host {
 
 namespace {
 
-constexpr const char *kFolder = "var/tape/jobids";
+// Backups and replications are numbered and have their records among the jobs; a restore and a
+// verification run one at a time and have theirs above.
+constexpr const char *kFolders[] = {"var/tape/jobids", "var/tape"};
 constexpr std::string_view kEnding = ".progress";
 constexpr size_t kMaxRecord = 256 << 10;
 constexpr int kMaxDepth = 8;  // a record has three levels; a file of brackets is none
 
-std::vector<std::string> recordNames() {
-  std::vector<std::string> names;
-  DIR *folder = opendir((std::string(ZULhome) + "/" + kFolder).c_str());
+std::vector<std::string> recordPaths(const char *below) {
+  std::vector<std::string> paths;
+  DIR *folder = opendir((std::string(ZULhome) + "/" + below).c_str());
   while (dirent *entry = folder ? readdir(folder) : nullptr)
-    if (std::string_view(entry->d_name).ends_with(kEnding)) names.emplace_back(entry->d_name);
+    if (std::string_view(entry->d_name).ends_with(kEnding))
+      paths.push_back(std::string(below) + "/" + entry->d_name);
   if (folder) closedir(folder);
-  std::sort(names.begin(), names.end());
-  return names;
+  std::sort(paths.begin(), paths.end());
+  return paths;
 }
 
 // An object, or nothing: the file may be damaged, or gone by now.
@@ -69,16 +72,17 @@ bool isAlive(const nlohmann::json &record) {
 
 nlohmann::json readJobs() {
   nlohmann::json jobs = nlohmann::json::array();
-  for (const std::string &name : recordNames()) {
-    std::string path = std::string(kFolder) + "/" + name;
-    nlohmann::json record = readRecord(path);
-    if (record.is_null()) {
-      logEvent("progress record %s cannot be read; left out", printable(path).c_str());
-      continue;
+  for (const char *folder : kFolders) {
+    for (const std::string &path : recordPaths(folder)) {
+      nlohmann::json record = readRecord(path);
+      if (record.is_null()) {
+        logEvent("progress record %s cannot be read; left out", printable(path).c_str());
+        continue;
+      }
+      record["file"] = path;
+      record["alive"] = isAlive(record);
+      jobs.push_back(std::move(record));
     }
-    record["file"] = path;
-    record["alive"] = isAlive(record);
-    jobs.push_back(std::move(record));
   }
   return jobs;
 }

@@ -31,7 +31,7 @@ def test_three_hosts_interleave_on_one_tape_and_every_listing_agrees(make_lab):
     for host in lab.hosts:
         words = [word for each in lab.hosts for word in ("--compare", each.tree)]
         tapewalk(image, "--host", host.name, *words)
-    assert volume["interleaves"] > 100, "packages of the hosts are interleaved"
+    assert volume["interleaves"] > 10, "packages of the hosts are interleaved"
 
     assert h1.request("TAPE get tapes 0") == "0:night-one\n"
     header = h1.request("TAPE get header 0")

@@ -181,7 +181,7 @@ TEST_F(SoundStore, ChangesAtTheSameTimeAllSurvive) {
     for (int entry = 0; entry < kEntries; entry++) {
       int job = 1 + process * kEntries + entry;
       std::string text = std::to_string(job) + ":1:0:0:0:0:n";
-      freopen("/dev/null", "w", stderr);
+      (void)!freopen("/dev/null", "w", stderr);
       bad += addJobids(text.data()) != 0;
       // Every third job is renamed at once, so that rewrites and appends meet.
       if (entry % 3 == 0) {
@@ -208,7 +208,7 @@ TEST_F(SoundStore, TwoAddsOfOneDriveNumberMakeOneDrive) {
   constexpr int kProcesses = 6;
   for (int process = 0; process < kProcesses; process++) {
     if (fork() != 0) continue;
-    freopen("/dev/null", "w", stderr);
+    (void)!freopen("/dev/null", "w", stderr);
     std::string entry = "0:lto" + std::to_string(process) + ":/dev/nst0:a:b";
     _exit(addDrive(entry.data()) == 0 ? 1 : 0);
   }
@@ -231,7 +231,7 @@ TEST_F(SoundStore, AKillAtAnyMomentLeavesAWholeTable) {
   for (int round = 0; round < 25; round++) {
     pid_t pid = fork();
     if (pid == 0) {
-      freopen("/dev/null", "w", stderr);
+      (void)!freopen("/dev/null", "w", stderr);
       for (;;) {
         std::string entry = "100:name:/dev/nst0:a:b";
         (void)modDrive("100", entry.data());
