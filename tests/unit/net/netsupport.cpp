@@ -1,3 +1,4 @@
+// The helpers declared in netsupport.h, for the tests of the network layer; the gatherer runs in a child here.
 #include "netsupport.h"
 
 #include <arpa/inet.h>
