@@ -98,6 +98,18 @@ int idle(int sd) {
   return kMoreFiles;
 }
 
+// Whether an honest gatherer can have sent this header: what stands in it goes to tape as it is.
+// Names end inside their fields, and only files and links have contents: a reader of the tape that
+// goes by the kind would take the contents of anything else for the next header, and lose the files
+// of other hosts behind it.
+bool isPossible(const char *raw, const package &header) {
+  constexpr uint8_t kFile = 0, kLink = 2, kLastKind = 5;
+  constexpr size_t kNameEnd = 263, kHostEnd = 379;
+  bool hasContents = header.type == kFile || header.type == kLink;
+  return raw[kNameEnd] == '\0' && raw[kHostEnd] == '\0' &&
+         (hasContents || (header.type <= kLastKind && header.size == 0));
+}
+
 // Asks for the next file; its header goes into the slot.
 int nextFile(Dialogue *with) {
   if (writen(with->sd, "Next\n", 5) != 5) {
@@ -119,6 +131,7 @@ int nextFile(Dialogue *with) {
   }
   if (header->magic == PACK_EOL_MAGIC) return kEndOfList;
   if (header->magic != PACK_MAGIC || header->size > kMostBytes) return corrupt(header);
+  if (base::sound(base::Area::stream) && !isPossible(raw, *header)) return corrupt(header);
   return kMoreFiles;
 }
 
@@ -126,7 +139,8 @@ int nextFile(Dialogue *with) {
 bool continues(const package &announced, const package &header, int32_t sequence) {
   return header.magic == PACK_MAGIC && header.sequence == sequence &&
          header.size == announced.size && header.type == announced.type &&
-         memcmp(header.filename, announced.filename, strlen(announced.filename) + 1) == 0;
+         strcmp(header.filename, announced.filename) == 0 &&
+         strcmp(header.fromhost, announced.fromhost) == 0;
 }
 
 bool writeMailbox(int fd, const char *from, size_t n) {
@@ -151,7 +165,8 @@ int pullHeader(Dialogue *with) {
     // name and a length that are not its own.
     package header;
     unpackPackage(raw, &header);
-    if (!continues(slot->pack, header, slot->pack.sequence)) return corrupt(&header);
+    if (!isPossible(raw, header) || !continues(slot->pack, header, slot->pack.sequence))
+      return corrupt(&header);
   }
   while (lseek(slot->wfd, 0, SEEK_SET) != 0) {
     say("ERROR:  3215  Child:  Seek error!\n");

@@ -220,6 +220,46 @@ TEST_F(Dialogue, SoundASizeThatNoFileHasFailsTheHost) {
   EXPECT_EQ(talk(), -8);
 }
 
+// What a reader of the tape would stumble over: names without an end, kinds that do not exist, a
+// directory with contents.
+class ImpossibleHeader : public Dialogue, public ::testing::WithParamInterface<int> {
+ protected:
+  static std::string header() {
+    std::string raw = jobtest::header({"/a", GetParam() == 3 ? "abc" : ""}, 0);
+    if (GetParam() == 0) raw.replace(7, 257, std::string(257, 'f'));
+    if (GetParam() == 1) raw.replace(316, 64, std::string(64, 'h'));
+    if (GetParam() == 2) raw[6] = 6;
+    if (GetParam() == 3) raw[6] = 1;
+    return raw;
+  }
+};
+
+TEST_P(ImpossibleHeader, SoundFailsTheHost) {
+  behave("sound");
+  sendOnly(header());
+  EXPECT_EQ(talk(), -8);
+  EXPECT_EQ(heard, "");
+  EXPECT_EQ(slot.produced, 0u);
+}
+
+TEST_P(ImpossibleHeader, ClassicIsPassedOn) {
+  std::string end(PACK_SIZE, '\0');
+  end.replace(0, 4, "St0P");
+  sendOnly(header() + header() + (GetParam() == 3 ? "abc" : "") + end);
+  take();
+  EXPECT_EQ(talk(), 0);
+  EXPECT_EQ(taken.size(), 1u);
+}
+INSTANTIATE_TEST_SUITE_P(NameHostKindDirectory, ImpossibleHeader, ::testing::Range(0, 4));
+
+TEST_F(Dialogue, SoundAHeaderOfAnotherHostInTheSecondPlaceFailsTheHost) {
+  behave("sound");
+  std::string other = jobtest::header({"/a", "abc"}, 0);
+  other.replace(316, 2, "x\0", 2);
+  sendOnly(jobtest::header({"/a", "abc"}, 0) + other + "abc");
+  EXPECT_EQ(talk(), -8);
+}
+
 // A file that changed between its two headers, or a stream out of step.
 class OtherPackage : public Dialogue, public ::testing::WithParamInterface<int> {};
 
