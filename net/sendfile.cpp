@@ -21,7 +21,7 @@ namespace {
 
 // Contents are read in pieces of PACK_PIECE; several go through one read and one write, which no
 // peer can tell from single ones. 256 KiB stay in a core's cache between the two.
-constexpr size_t kStride = 32 * PACK_PIECE;
+constexpr size_t kStride = size_t{32} * PACK_PIECE;
 char stride[kStride];
 
 // A transfer in progress.
