@@ -14,19 +14,15 @@
 
 #include "base/site.h"
 #include "base/text.h"
+#include "fuzzhome.h"
 
 namespace {
 
 void makeHome() {
-  char name[] = "/dev/shm/zulfuzz.XXXXXX";
-  if (!mkdtemp(name)) abort();
-  snprintf(ZULhome, sizeof ZULhome, "%s", name);
-  for (const char *folder : {"etc", "t", "t/a", "t/a/b", "t/a/b/c", "t/d"})
-    mkdir(base::HomePath("%s", folder), 0700);
+  fuzz::makeHome({"etc", "t/a/b/c", "t/d"});
   for (const char *file : {"t/a/f", "t/a/b/g", "t/h"})
     close(open(base::HomePath("%s", file), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
   if (symlink("a", base::HomePath("t/link")) != 0) abort();
-  backuplog = fplog = fopen("/dev/null", "we");
 }
 
 void setBehaviour(const char *line) {

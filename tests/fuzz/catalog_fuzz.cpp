@@ -4,23 +4,15 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <zul/host.h>
 #include <zul/tape.h>
 
 #include "base/text.h"
+#include "fuzzhome.h"
 #include "tape/catalog.h"
 
 namespace {
-
-void makeHome() {
-  char name[] = "/dev/shm/zulfuzz.XXXXXX";
-  if (!mkdtemp(name)) abort();
-  snprintf(ZULhome, sizeof ZULhome, "%s", name);
-  if (rmkdir(base::HomePath("var/tape/drive.0/tape.0"), 0700) != 0) abort();
-  backuplog = fplog = fopen("/dev/null", "we");
-}
 
 void writeCatalog(const uint8_t *data, size_t size) {
   FILE *out = fopen(base::HomePath("var/tape/drive.0/tape.0/catalog"), "we");
@@ -33,7 +25,7 @@ void writeCatalog(const uint8_t *data, size_t size) {
 // what follows is the fixed part or the texts. The listings go to standard error: run with
 // -close_fd_mask=3.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  if (ZULhome[0] == '\0') makeHome();
+  if (ZULhome[0] == '\0') fuzz::makeHome({"var/tape/drive.0/tape.0"});
   static uint8_t file[160 * (CATLG_FIXED + CATLG_STRINGS) + 65536];
   if (size == 0 || size > 65536) return 0;
   size_t length = 0;

@@ -15,6 +15,7 @@
 #include "base/log.h"
 #include "base/site.h"
 #include "base/text.h"
+#include "fuzzhome.h"
 #include "net/timeouts.h"
 
 namespace {
@@ -25,11 +26,7 @@ void put(const char *name, const char *text) {
 }
 
 void makeHome() {
-  char name[] = "/dev/shm/zulfuzz.XXXXXX";
-  if (!mkdtemp(name)) abort();
-  snprintf(ZULhome, sizeof ZULhome, "%s", name);
-  backuplog = fopen("/dev/null", "we");
-  if (mkdir(base::HomePath("etc"), 0700) != 0) abort();
+  fuzz::makeHome({"etc"});
   put("file", "contents");
   if (symlink("target", base::HomePath("link")) != 0) abort();
   net::timeouts.stepMs = 2;

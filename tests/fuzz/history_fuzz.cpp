@@ -4,7 +4,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <zul/host.h>
 #include <zul/tape.h>
@@ -12,17 +11,13 @@
 #include <initializer_list>
 
 #include "base/text.h"
+#include "fuzzhome.h"
 #include "tape/history.h"
 
 namespace {
 
 void makeHome() {
-  char name[] = "/dev/shm/zulfuzz.XXXXXX";
-  if (!mkdtemp(name)) abort();
-  snprintf(ZULhome, sizeof ZULhome, "%s", name);
-  for (const char *folder : {"etc", "var", "var/tape", "var/tape/jobids"})
-    mkdir(base::HomePath("%s", folder), 0700);
-  backuplog = fplog = fopen("/dev/null", "we");
+  fuzz::makeHome({"etc", "var/tape/jobids"});
   FILE *groups = fopen(base::HomePath("var/tape/jobids/group"), "we");
   if (!groups) abort();
   fputs("0:h:zero\n3:h:three\n", groups);

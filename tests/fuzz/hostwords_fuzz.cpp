@@ -4,13 +4,13 @@
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <zul/host.h>
 
 #include <string>
 
 #include "base/text.h"
+#include "fuzzhome.h"
 #include "host/authorise.h"
 #include "host/files.h"
 #include "host/hostwords.h"
@@ -20,12 +20,7 @@ namespace {
 int terminal = -1, nowhere = -1;
 
 void makeHome() {
-  char name[] = "/dev/shm/zulfuzz.XXXXXX";
-  if (!mkdtemp(name)) abort();
-  snprintf(ZULhome, sizeof ZULhome, "%s", name);
-  for (const char *folder : {"etc", "var", "var/tape", "var/tape/jobids"})
-    mkdir(base::HomePath("%s", folder), 0700);
-  backuplog = fplog = fopen("/dev/null", "we");
+  fuzz::makeHome({"etc", "var/tape/jobids"});
   host::facts.shared = host::makeShared();
   terminal = fcntl(2, F_DUPFD_CLOEXEC, 10);
   nowhere = open("/dev/null", O_RDWR | O_CLOEXEC);

@@ -9,17 +9,16 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <zul/host.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <string>
 
 #include "base/text.h"
 #include "drive/cartridge.h"
 #include "drive/drive.h"
+#include "fuzzhome.h"
 
 namespace {
 
@@ -28,14 +27,10 @@ constexpr char kState[] = "var/vtape/v0/state", kImage[] = "var/vtape/shelf/c1.t
                kMarks[] = "var/vtape/shelf/c1.marks", kFaults[] = "var/vtape/v0/faults";
 
 void makeHome() {
-  char name[] = "/dev/shm/zulimagefuzz.XXXXXX";
-  if (!mkdtemp(name)) abort();
-  snprintf(ZULhome, sizeof ZULhome, "%s", name);
-  backuplog = fplog = fopen("/dev/null", "we");
+  fuzz::makeHome({});
   if (!drive::makeDrive("v0").empty() || !drive::makeCartridge("c1", 1 << 20).empty() ||
       !drive::loadCartridge("v0", "c1").empty())
     abort();
-  atexit([] { std::filesystem::remove_all(ZULhome); });
 }
 
 // Overwrites the beginning of a file and keeps the rest, so that a damaged state or list still

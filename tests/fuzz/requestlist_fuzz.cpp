@@ -9,21 +9,13 @@
 #include <zul/net.h>
 
 #include "base/text.h"
+#include "fuzzhome.h"
 #include "net/requestlist.h"
 
-namespace {
-
-void makeHome() {
-  char name[] = "/dev/shm/zulfuzz.XXXXXX";
-  if (!mkdtemp(name)) abort();
-  snprintf(ZULhome, sizeof ZULhome, "%s", name);
-  backuplog = fopen("/dev/null", "we");
-}
-
-}  // namespace
+namespace {}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  if (ZULhome[0] == '\0') makeHome();
+  if (ZULhome[0] == '\0') fuzz::makeHome({});
   // A list without a line feed at its end is read twice, 100 ms apart: not here.
   if (size > 0 && data[size - 1] != '\n') return 0;
   base::HomePath path("list");

@@ -12,23 +12,13 @@
 #include <zul/host.h>
 #include <zul/tape.h>
 
-#include <filesystem>
 #include <string>
 
 #include "base/site.h"
 #include "base/text.h"
+#include "fuzzhome.h"
 
 namespace {
-
-void makeHome() {
-  char name[] = "/tmp/zulstoresfuzz.XXXXXX";
-  if (!mkdtemp(name)) abort();
-  snprintf(ZULhome, sizeof ZULhome, "%s", name);
-  for (const char *folder : {"etc", "var", "var/tape", "var/tape/jobids"})
-    mkdir(base::HomePath("%s", folder), 0700);
-  backuplog = fplog = fopen("/dev/null", "we");
-  atexit([] { std::filesystem::remove_all(ZULhome); });
-}
 
 void writeFile(const char *relative, const void *data, size_t size) {
   FILE *out = fopen(base::HomePath("%s", relative), "we");
@@ -146,7 +136,7 @@ constexpr size_t kKindCount = sizeof kKinds / sizeof kKinds[0];
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  if (ZULhome[0] == '\0') makeHome();
+  if (ZULhome[0] == '\0') fuzz::makeHome({"etc", "var/tape/jobids"});
   if (size == 0) return 0;
   bool sound = (data[0] & 0x80) != 0;
   setBehaviour(sound);

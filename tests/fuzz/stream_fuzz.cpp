@@ -8,19 +8,10 @@
 #include <zul/net.h>
 
 #include "base/site.h"
-
-namespace {
-
-void makeHome() {
-  char name[] = "/dev/shm/zulfuzz.XXXXXX";
-  if (!mkdtemp(name)) abort();
-  snprintf(ZULhome, sizeof ZULhome, "%s", name);
-}
-
-}  // namespace
+#include "fuzzhome.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  if (ZULhome[0] == '\0') makeHome();
+  if (ZULhome[0] == '\0') fuzz::makeHome({});
   char raw[PACK_SIZE] = {}, again[PACK_SIZE];
   memcpy(raw, data, size < sizeof raw ? size : sizeof raw);
   package header, back;

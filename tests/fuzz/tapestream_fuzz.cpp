@@ -6,7 +6,6 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <zul/host.h>
 #include <zul/net.h>
@@ -14,21 +13,13 @@
 
 #include "base/site.h"
 #include "base/text.h"
+#include "fuzzhome.h"
 
 namespace {
 
 void writeText(const char *path, const void *data, size_t size) {
   FILE *out = fopen(path, "we");
   if (!out || (size > 0 && fwrite(data, size, 1, out) != 1) || fclose(out) != 0) abort();
-}
-
-void makeHome() {
-  char name[] = "/dev/shm/zulfuzz.XXXXXX";
-  if (!mkdtemp(name)) abort();
-  snprintf(ZULhome, sizeof ZULhome, "%s", name);
-  if (rmkdir(base::HomePath("var/tape/drive.0/tape.0"), 0700) != 0) abort();
-  mkdir(base::HomePath("etc"), 0700);
-  backuplog = fplog = fopen("/dev/null", "we");
 }
 
 void behave(bool sound) {
@@ -60,7 +51,7 @@ void readPackages(const uint8_t *data, size_t size) {
 
 // The first byte picks the behaviour. Messages go to standard error: run with -close_fd_mask=3.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  if (ZULhome[0] == '\0') makeHome();
+  if (ZULhome[0] == '\0') fuzz::makeHome({"etc", "var/tape/drive.0/tape.0"});
   if (size == 0) return 0;
   behave(data[0] & 1);
   readPackages(data + 1, size - 1);

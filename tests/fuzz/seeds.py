@@ -1,0 +1,115 @@
+#!/usr/bin/python3
+"""seeds.py FOLDER: writes the inputs that each fuzz driver starts from, FOLDER/DRIVER/0, 1, ...
+
+They are what the drivers' subjects meet every day, put together from docs/formats and docs/protocols, so that a few
+seconds are spent behind the magic numbers and not in front of them.
+"""
+import os
+import struct
+import sys
+
+MIB = 1 << 20
+BOTH = (b"\0", b"\1")  # the first byte of several drivers: classic, sound
+
+
+def package(name, size=0, kind=0, sequence=0, magic=b"ZuL!"):
+    fixed = struct.pack(">9I", 0, 0, 0o100644, 10 ** 9, 10 ** 9, size, sequence, 0xa5a5a5a5, 0xa5a5a5a5)
+    return (magic + b"\0\0" + bytes([kind]) + name.ljust(257, b"\0") + fixed + struct.pack("<Iiii", 0, sequence, 0, 0) +
+            b"alpha".ljust(64, b"\0") + bytes(140))
+
+
+def stream(*files):
+    """What a gatherer sends: every header twice, and the end of the list."""
+    whole = b"".join(package(name, len(data), kind) * 2 + data for name, data, kind in files)
+    return whole + package(b"", magic=b"St0P")
+
+
+def padded(data):
+    return data + bytes(-len(data) % 512)
+
+
+def tape_file(*files):
+    return b"".join(package(name, len(data), kind) + padded(data) for name, data, kind in files)
+
+
+def block(data):
+    length = struct.pack("<I", len(data))
+    return length + data + bytes(len(data) & 1) + length
+
+
+def label(name=b"week-1", drive=0, tape=0):
+    return (b"HeAd" + bytes(4) + struct.pack("<qi", 10 ** 9, 0) + name.ljust(256, b"\0") +
+            b"/dev/vtape/v0".ljust(256, b"\0") + b"h1".ljust(48, b"\0") + struct.pack("<4i", drive, tape, 0, 0) +
+            bytes(1460))
+
+
+def record(job=5, group=1, level=1):
+    return (b"CaT*" + bytes(4) + struct.pack("<3q", 10 ** 9, 86400, 0) + b"alpha,beta".ljust(4096, b"\0") +
+            struct.pack("<2i", job, group) + b"nightly".ljust(256, b"\0") + struct.pack("<2i", 0, level) +
+            b"\xff" * 20 + bytes(3780) + b"/etc/\0/home/\0" + bytes(126))
+
+
+def run(job=7, status=1, level=0):
+    return (b"!LuZ" + struct.pack("<Iii", 0, job, 1) + struct.pack("<3q", 10 ** 9, 86400, 5) +
+            struct.pack("<5i", status, 0, 0, 1, level) + bytes(124))
+
+
+def job(number=7, name=b"nightly"):
+    return struct.pack("<6i", 0, number, 1, 86400, 0, 0) + b"\0" + name.ljust(256, b"\0") + bytes(235)
+
+
+def replication(number=5):
+    return (struct.pack("<9i", 0, number, 1, 4, 0, 0, 0o755, 0o644, 0) + b"mirror".ljust(256, b"\0") +
+            b"/srv/copy".ljust(256, b"\0") + struct.pack("<i", 2) + bytes(28))
+
+
+FILES = ((b"/etc", b"", 1), (b"/etc/motd", b"welcome" * 100, 0), (b"/etc/link", b"motd\0", 2), (b"/dev/null", b"", 3))
+REQUEST_LIST = b"0 /etc/\n1 /etc/motd\n2 /home/a file\nno-entry\n3 " + b"/x" * 128 + b"\n"
+VOLUME_LIST = b"0:alpha:0:/d\n1:alpha:0:/d/one\n1:alpha:1:/d/one\n2:beta:0:/d/two:three\n"
+STORES = (b"0:lto:/dev/nst0:a:b:\n# comment\n1:v0:/dev/vtape/v0:0:0\n", b"1:alpha,beta,gamma:web servers\n# c\n2:h:n\n",
+          job() + job(8, b"x" * 256), replication() + replication(6), b"/etc/\n/home/\n/srv/file\n", b"/a>/b\n/c>/d\n")
+NONCE = b"0123456789abcdef" * 4
+
+SEEDS = {
+    "backuplist": [first + text for first in (b"\0", b"\1", b"\2", b"\3")
+                   for text in (b"a/\nfile\n\n", b"a/b/\r\nlink", b"/\n", b"x" * 260 + b"\n")],
+    "catalog": [b"\0" + record(), b"\2" + record() + record(6), b"\1" + record()[:9000], b"\xfe" + record()],
+    "dialogue": [first + text for first in (b"\0", b"\1", b"\x55", b"\xfd")
+                 for text in (b"Next\nGet\nNext\nGet\nNext\nQuit\n", b"Get\nIdl\nNext\nNext\nGarbage\n")],
+    "gather": [first + text for first in BOTH
+               for text in (stream(*FILES), stream(), stream(*FILES)[:700],
+                            package(b"/big", 70000) * 2 + bytes(70000) + stream(),
+                            package(b"/a", 5) + package(b"/b", 9) + bytes(9))],
+    "history": [run() + run(7, 0, 1) + run(8, 2, 9), run()[:100], b""],
+    "hostlogin": [b"ZUL1 " + NONCE, b"NODE alpha " + NONCE + b" " + NONCE, b"USER anna " + NONCE + b" " + NONCE,
+                  b"OK " + NONCE, NONCE, b"NO"],
+    "hostwords": [b"HOST status json", b"HOST ps", b"HOST jobs json", b"HOST get var/tape/jobids/7.status", b"status json",
+                  b"get etc/ZULsite", b"tail var/tape/jobids/7.status 5", b"put var/tape/x 3", b"kill 1 TERM",
+                  b"TAPE server 7 0", b"MREPL mrepclnt 1234567890", b"get ../../etc/passwd"],
+    "image": [b"\x05\0\1\2\x0c\x0d" + block(b"hello") + block(b"tape") + bytes(4),
+              b"\x33\0\x0e\x08" + block(label()) + bytes(4) + block(b"x" * 512) + bytes(4) + block(b"y" * 700),
+              b"\x43\x0c\x0e\x08" + block(b"hello") + b"\n# faults\nwrite 1 EIO\nread 2+ EIO\neom-after 100\n",
+              b"\x04\1\x17\1\x0c" + bytes(4) + block(b"z" * 9) + b"\xff" * 4 + b"\xfe\xff\xff\xff"],
+    "label": [b"\0" + label(), b"\xff" + label() + record(), b"\x20" + label(b"n" * 256), b"\x20" + label(drive=9),
+              b"\x7f" + bytes(3000) + label()],
+    "requestlist": [REQUEST_LIST + b"end\n", REQUEST_LIST, b"0 \n", b"end\n0 /behind\n"],
+    "site": [b"# sound here\nbehaviour = sound\nbehaviour.pace=classic\nmulticast.sender = 10.1.0.5\n"
+             b"pause.list-grace = 10s\npause.idle=5ms\n", b"behaviour=odd\nno such line\npause.idle = 99999999999m\n"],
+    "stores": [bytes([at | sound]) + text for at, text in enumerate(STORES) for sound in (0, 0x80)],
+    "stream": [package(b"/etc/motd", 700), package(b"", magic=b"St0P"), package(b"f" * 257, 1 << 31, 2)],
+    "tapestream": [first + text for first in BOTH
+                   for text in (tape_file(*FILES), b"junk" * 300 + tape_file(*FILES), VOLUME_LIST)],
+}
+
+
+def main():
+    for driver, inputs in SEEDS.items():
+        folder = os.path.join(sys.argv[1], driver + "_fuzz")
+        os.makedirs(folder, exist_ok=True)
+        for number, data in enumerate(inputs):
+            with open(os.path.join(folder, str(number)), "wb") as out:
+                out.write(data)
+
+
+if __name__ == "__main__":
+    main()
