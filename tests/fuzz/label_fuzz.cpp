@@ -38,7 +38,7 @@ void makeHome() {
 void writeTape(const uint8_t *data, size_t size, size_t first) {
   int fd = drive::openDrive(kDevice, O_RDWR);
   if (fd < 0 || drive::operate(fd, MTREW, 1) != 0) abort();
-  for (size_t at = 0; at < size || first == 0; first = 512) {
+  for (size_t at = 0; at < size; first = 512) {
     size_t length = std::min(first, size - at);
     if (length == 0 && drive::operate(fd, MTWEOF, 1) != 0) abort();
     if (length == 0) continue;
@@ -52,7 +52,8 @@ void writeTape(const uint8_t *data, size_t size, size_t first) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (ZULhome[0] == '\0') makeHome();
-  if (size == 0 || size > 65536) return 0;
+  // Nothing written would leave the tape of the last input.
+  if (size < 2 || size > 65536) return 0;
   writeTape(data + 1, size - 1, data[0] * 64u);
   tapehead label;
   memset(&label, 0x5a, sizeof label);
