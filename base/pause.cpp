@@ -18,15 +18,13 @@ struct Row {
 
 // In the order of the enumeration.
 constexpr Row kRows[] = {
-    {"list-start", 100, 1},    {"list-grace", 10000, 0},   {"idle", 45000, -1},
-    {"empty-read", 50, -1},    {"gather-child", 5000, 0},  {"gatherer-start", 5000, 0},
-    {"parent-poll", 100, -1},  {"chunk-ack", 10, -1},      {"mailbox-retry", 1000, -1},
-    {"package-poll", 10, -1},  {"drive-busy", 10000, 250}, {"drive-busy-tries", 30, 1200},
-    {"label-settle", 1000, 0}, {"tape-retry", 1000, -1},   {"connect-retry", 20, -1},
-    {"store-lock", 20, -1},
-    {"receiver-start", 5000, 0},
-    {"receiver-ready", 5000, 0},
-    {"receiver-poll", 100, -1},
+    {"list-start", 100, 1},     {"list-grace", 10000, 0},     {"idle", 45000, -1},
+    {"empty-read", 50, -1},     {"gather-child", 5000, 0},    {"gatherer-start", 5000, 0},
+    {"parent-poll", 100, -1},   {"chunk-ack", 10, -1},        {"mailbox-retry", 1000, -1},
+    {"package-poll", 10, -1},   {"drive-busy", 10000, 250},   {"drive-busy-tries", 30, 1200},
+    {"label-settle", 1000, 0},  {"tape-retry", 1000, -1},     {"connect-retry", 20, -1},
+    {"store-lock", 20, -1},     {"receiver-start", 5000, 0},  {"receiver-ready", 5000, 0},
+    {"receiver-poll", 100, -1}, {"replicate-start", 5000, 0}, {"replicate-poll", 2000, 500},
 };
 static_assert(sizeof kRows / sizeof kRows[0] == static_cast<int>(Pause::kCount));
 

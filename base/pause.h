@@ -28,6 +28,8 @@ enum class Pause {
   ReceiverStart,   // before a tape host connects to the restore agent it asked for
   ReceiverReady,   // before a restore agent that was connected to asks for the first file
   ReceiverPoll,    // between two reads of a restore agent that says nothing
+  ReplicateStart,  // behind the start of each sending process of a replication
+  ReplicatePoll,   // longest time between two looks at the sending processes
   kCount
 };
 

@@ -23,9 +23,9 @@ constexpr const char *kAreaNames[kAreas] = {"stream", "backup",    "restore",  "
                                             "stores", "multicast", "security", "pace"};
 
 // Keys that carry a value of their own.
-constexpr const char *kValueKeys[] = {"multicast.sender",     "multicast.interface",
-                                      "multicast.ttl",        "multicast.drain",
-                                      "multicast.idle-limit", "fanout.answer-limit"};
+constexpr const char *kValueKeys[] = {
+    "multicast.sender",     "multicast.interface", "multicast.ttl",      "multicast.drain",
+    "multicast.idle-limit", "fanout.answer-limit", "replication.silence"};
 constexpr int kValues = sizeof kValueKeys / sizeof kValueKeys[0];
 
 bool loaded = false;
@@ -147,6 +147,11 @@ const char *siteValue(const char *key) {
   for (int at = 0; at < kValues; at++)
     if (strcmp(key, kValueKeys[at]) == 0) return values[at];
   return "";
+}
+
+int siteLength(const char *key, int otherwise) {
+  int length = readLength(siteValue(key));
+  return length < 0 ? otherwise : length;
 }
 
 void forgetSite() {

@@ -17,6 +17,10 @@ bool sound(Area area);
 // until the site file is read again.
 const char *siteValue(const char *key);
 
+// Such a value as a length of time in milliseconds ("10s", "250ms", "2m"); otherwise when it is not
+// set or none.
+int siteLength(const char *key, int otherwise);
+
 // Forgets what was read, so that the next question reads the file again. For a host that changes
 // ZULhome.
 void forgetSite();

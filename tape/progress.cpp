@@ -68,8 +68,6 @@ void JobProgress::setHosts(int count) {
   // Asked again for as many, it keeps what is known about them: a list that was not pushed, say.
   if (count == hostCount_) return;
   delete[] hosts_;
-  if (count == hostCount_) return;
-  delete[] hosts_;
   hosts_ = count > 0 ? new (std::nothrow) HostProgress[static_cast<size_t>(count)] : nullptr;
   hostCount_ = hosts_ ? count : 0;
 }
