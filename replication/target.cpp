@@ -28,12 +28,19 @@ namespace target {
 
 namespace {
 
-constexpr char kPartName[] = ".zulpart";
-
-// A directory whose times wait for its contents, as it lies in the spill file.
+// A directory whose permissions and times wait for its contents, as it lies in the spill file.
 struct Pending {
-  package header;
+  mode_t mode;
+  time_t atime, mtime;
   char path[kPathRoom];
+};
+
+// Below this name a file or link is made before it gets its own. With the process in it, no file
+// that is restored has the same.
+struct PartName {
+  char text[32];
+  PartName() { snprintf(text, sizeof text, ".zulpart.%i", getpid()); }
+  operator const char *() const { return text; }
 };
 
 // The reception under way. Plain data: the module has no global with a constructor.
@@ -47,8 +54,10 @@ struct State {
                       // hold
   int fd;             // the file being written
   int partDir;        // where its part lies, under "sound"; -1 when there is none
+  int32_t sequence;   // of its next segment
+  package part;       // header of its first segment
   char error[512];
-} state = {"", -1, "", -1, nullptr, -1, -1, ""};
+} state = {"", -1, "", -1, nullptr, -1, -1, 0, {}, ""};
 
 bool beneathRoot() {
   return base::sound(base::Area::receive);
@@ -98,11 +107,25 @@ struct Place {
   char last[NAME_MAX + 1];
 };
 
-bool locateBeneath(const char *path, Place *place) {
-  size_t rootLength = strlen(state.root);
-  const char *below = strncmp(path, state.root, rootLength) == 0 ? path + rootLength : path;
+// What of a path lies below the root.
+const char *belowRoot(const char *path) {
+  size_t length = strlen(state.root);
+  return strncmp(path, state.root, length) == 0 ? path + length : path;
+}
+
+// Opens the parent, unless it is open already.
+bool openParent(char *parent, bool make) {
+  if (state.parentFd >= 0 && strcmp(parent, state.parentPath) == 0) return true;
+  closeIf(&state.parentFd);
+  base::copyText(state.parentPath, sizeof state.parentPath, parent);
+  state.parentFd =
+      make ? openMaking(parent) : openBeneath(*parent ? parent : "/", O_RDONLY | O_DIRECTORY);
+  return state.parentFd >= 0;
+}
+
+bool locateBeneath(const char *path, bool make, Place *place) {
   char parent[kPathRoom];
-  base::copyText(parent, sizeof parent, below);
+  base::copyText(parent, sizeof parent, belowRoot(path));
   for (size_t length = strlen(parent); length > 0 && parent[length - 1] == '/'; length--)
     parent[length - 1] = '\0';
   char *slash = strrchr(parent, '/');
@@ -112,17 +135,11 @@ bool locateBeneath(const char *path, Place *place) {
     return false;
   }
   base::copyText(place->last, sizeof place->last, *last ? last : ".");
-  if (slash) *slash = '\0';
-  if (!slash) parent[0] = '\0';
-  if (state.parentFd < 0 || strcmp(parent, state.parentPath) != 0) {
-    closeIf(&state.parentFd);
-    base::copyText(state.parentPath, sizeof state.parentPath, parent);
-    state.parentFd = openMaking(parent);
-    if (state.parentFd < 0) return false;
-  }
-  *place = Place{state.parentFd, nullptr, AT_SYMLINK_NOFOLLOW, {}};
-  base::copyText(place->last, sizeof place->last, *last ? last : ".");
+  *(slash ? slash : parent) = '\0';
+  if (!openParent(parent, make)) return false;
+  place->dir = state.parentFd;
   place->name = place->last;
+  place->noFollow = AT_SYMLINK_NOFOLLOW;
   return true;
 }
 
@@ -135,12 +152,11 @@ bool makeParent(const char *path) {
   return rmkdir(parent, 0755) == 0;
 }
 
-// The place of a path. parents: make the missing ones (classic; under "sound" they are always
-// made).
+// The place of a path. parents: make the missing ones.
 bool locate(const char *path, bool parents, Place *place) {
   if (beneathRoot()) {
     if (state.rootFd < 0) begin("");
-    return state.rootFd >= 0 && locateBeneath(path, place);
+    return state.rootFd >= 0 && locateBeneath(path, parents, place);
   }
   *place = Place{AT_FDCWD, path, 0, {}};
   return !parents || makeParent(path);
@@ -156,46 +172,54 @@ int setOwner(const Place &place, const package &header) {
   return fchownat(place.dir, place.name, header.usrid, header.grpid, place.noFollow);
 }
 
-// Directories made under "sound" get owner, permissions and times at the end: until then their
-// contents change the times, and a receiver without privileges must be able to write into them.
-void remember(const package &header, const char *path) {
+// Directories made under "sound" get permissions and times at the end: until then their contents
+// change the times, and a receiver without privileges must be able to write into them.
+bool remember(const package &header, const char *path) {
   if (!state.directories) state.directories = tmpfile();
-  if (!state.directories) return;
-  Pending pending{header, {}};
+  Pending pending{header.mode & 07777,
+                  static_cast<time_t>(header.atime),
+                  static_cast<time_t>(header.mtime),
+                  {}};
   base::copyText(pending.path, sizeof pending.path, path);
-  fwrite(&pending, sizeof pending, 1, state.directories);
+  return state.directories && fwrite(&pending, sizeof pending, 1, state.directories) == 1;
 }
 
-void finishDirectories() {
-  if (!state.directories) return;
-  rewind(state.directories);
+// Last made, first done: behind a parent that may not be searched nothing could be reached.
+bool finishDirectories() {
+  if (!state.directories) return true;
+  bool good = fflush(state.directories) == 0;
   Pending pending;
-  while (fread(&pending, sizeof pending, 1, state.directories) == 1) {
+  for (long at = ftell(state.directories) / static_cast<long>(sizeof pending); at-- > 0;) {
     Place place;
-    if (!locate(pending.path, false, &place)) continue;
-    if (setOwner(place, pending.header) != 0 ||
-        fchmodat(place.dir, place.name, pending.header.mode & 07777, 0) != 0 ||
-        setTimes(place, pending.header) != 0)
-      base::print(stderr, "WARNING:  Directory %s: %s\n", pending.path, strerror(errno));
+    timespec times[2] = {};
+    bool done = fseek(state.directories, at * static_cast<long>(sizeof pending), SEEK_SET) == 0 &&
+                fread(&pending, sizeof pending, 1, state.directories) == 1 &&
+                locate(pending.path, false, &place) &&
+                fchmodat(place.dir, place.name, pending.mode, 0) == 0;
+    times[0].tv_sec = pending.atime;
+    times[1].tv_sec = pending.mtime;
+    if (done && utimensat(place.dir, place.name, times, place.noFollow) == 0) continue;
+    base::print(stderr, "ERROR:  Permissions or times of directory %s: %s\n", pending.path,
+                strerror(errno));
+    good = false;
   }
   fclose(state.directories);
   state.directories = nullptr;
+  return good;
 }
 
 void dropPart() {
   closeIf(&state.fd);
   if (state.partDir < 0) return;
-  unlinkat(state.partDir, kPartName, 0);
+  unlinkat(state.partDir, PartName(), 0);
   closeIf(&state.partDir);
 }
 
 // A link in the way of a directory stays when it leads to a directory beneath the root (a merged
 // /usr, say), and goes when it does not.
-bool linkServes(const Place &place, const char *path) {
-  size_t rootLength = strlen(state.root);
-  const char *below = strncmp(path, state.root, rootLength) == 0 ? path + rootLength : path;
-  base::Fd there(openBeneath(below, O_RDONLY | O_DIRECTORY));
-  return there || unlinkat(place.dir, place.name, 0) != 0;
+bool linkServes(const char *path) {
+  base::Fd there(openBeneath(belowRoot(path), O_RDONLY | O_DIRECTORY));
+  return static_cast<bool>(there);
 }
 
 int makeDirectorySound(const package &header, const char *path) {
@@ -204,7 +228,9 @@ int makeDirectorySound(const package &header, const char *path) {
   struct stat there;
   bool exists = fstatat(place.dir, place.name, &there, AT_SYMLINK_NOFOLLOW) == 0;
   if (exists && S_ISLNK(there.st_mode)) {
-    if (linkServes(place, path)) return 0;
+    if (linkServes(path)) return 0;
+    if (unlinkat(place.dir, place.name, 0) != 0)
+      return failed(kNoParent, "cannot take away the link", path);
     exists = false;
   }
   if (exists && !S_ISDIR(there.st_mode)) {
@@ -213,7 +239,8 @@ int makeDirectorySound(const package &header, const char *path) {
   }
   if (!exists && mkdirat(place.dir, place.name, (header.mode & 07777) | 0700) != 0)
     return failed(kNoParent, "cannot make directory", path);
-  remember(header, path);
+  if (setOwner(place, header) != 0) return failed(kCannotOwn, "cannot set owner of", path);
+  if (!remember(header, path)) return failed(kCannotOwn, "cannot note the times of", path);
   return 0;
 }
 
@@ -222,12 +249,27 @@ int makeDirectorySound(const package &header, const char *path) {
 int openPart(const package &header, const char *path) {
   Place place;
   if (!locate(path, true, &place)) return failed(kNoParent, "cannot make the parent of", path);
+  PartName part;
+  unlinkat(place.dir, part, 0);
+  state.fd = openat(place.dir, part, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (state.fd < 0) return failed(kCannotOpen, "cannot write beside", path);
   state.partDir = fcntl(place.dir, F_DUPFD_CLOEXEC, 3);
-  unlinkat(place.dir, kPartName, 0);
-  state.fd =
-      openat(place.dir, kPartName, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-  (void)header;
-  return state.fd >= 0 ? 0 : failed(kCannotOpen, "cannot write beside", path);
+  state.part = header;
+  state.sequence = 1;
+  return 0;
+}
+
+// A later segment belongs behind the one before it, and nowhere else.
+int continuePart(const package &header, const char *path) {
+  if (state.fd >= 0 && header.sequence == state.sequence && header.size == state.part.size &&
+      strcmp(header.filename, state.part.filename) == 0 &&
+      strcmp(header.fromhost, state.part.fromhost) == 0) {
+    state.sequence++;
+    return 0;
+  }
+  dropPart();
+  errno = ESTALE;
+  return failed(kUnfinished, "a part is missing of", path);
 }
 
 int finishPart(const package &header, const char *path) {
@@ -239,11 +281,14 @@ int finishPart(const package &header, const char *path) {
       fchmod(state.fd, header.mode & 07777) != 0)
     return failed(kCannotOwn, "cannot set owner or permissions of", path);
   if (futimens(state.fd, times) != 0) base::print(stderr, "Warning cannot set file time \n");
+  // Some file systems find out here that there was no room.
+  int fd = state.fd;
+  state.fd = -1;
+  if (close(fd) != 0) return failed(kShortWrite, "cannot write", path);
   if (!locate(path, true, &place)) return failed(kNoParent, "cannot reach the parent of", path);
-  if (renameat(state.partDir, kPartName, place.dir, place.name) != 0)
+  if (renameat(state.partDir, PartName(), place.dir, place.name) != 0)
     return failed(kCannotOpen, "cannot put in place", path);
   closeIf(&state.partDir);  // the part is the file now: nothing to drop
-  closeIf(&state.fd);
   return 0;
 }
 
@@ -276,14 +321,37 @@ void begin(const char *root) {
   if (state.rootFd < 0) failed(kNoParent, "cannot use destination", *root ? root : "/");
 }
 
+bool lookAt(const char *path, struct stat *there) {
+  size_t length = strlen(path);
+  if (beneathRoot() && length > 0 && path[length - 1] == '/') {
+    // A link that leads to a directory beneath the root is that directory.
+    if (state.rootFd < 0) begin("");
+    base::Fd directory(openBeneath(belowRoot(path), O_PATH | O_DIRECTORY));
+    if (directory) return fstat(directory.get(), there) == 0;
+  }
+  Place place;
+  return locate(path, false, &place) &&
+         fstatat(place.dir, place.name, there, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+int refuse(const char *what, const char *path) {
+  errno = EINVAL;
+  return failed(kRefused, what, path);
+}
+
 bool end() {
   bool whole = state.partDir < 0;
   dropPart();
-  finishDirectories();
+  whole = finishDirectories() && whole;
   closeIf(&state.parentFd);
   closeIf(&state.rootFd);
   state.parentPath[0] = state.root[0] = '\0';
   return whole;
+}
+
+void setTimesOf(const package &header, const char *path) {
+  Place place{AT_FDCWD, path, 0, {}};
+  if (setTimes(place, header) != 0) base::print(stderr, "Warning cannot set file time \n");
 }
 
 int makeDirectory(const package &header, const char *path) {
@@ -296,8 +364,7 @@ int makeDirectory(const package &header, const char *path) {
   }
   if (chown(path, header.usrid, header.grpid) != 0)
     return failed(kCannotOwn, "cannot set owner of", path);
-  Place place{AT_FDCWD, path, 0, {}};
-  if (setTimes(place, header) != 0) base::print(stderr, "Warning cannot set file time \n");
+  setTimesOf(header, path);
   return 0;
 }
 
@@ -310,26 +377,21 @@ int makeLink(const package &header, const char *path, const char *text) {
     return 0;
   }
   // As with files: made under another name and renamed, which replaces a file or a link in the way.
-  unlinkat(place.dir, kPartName, 0);
-  if (symlinkat(text, place.dir, kPartName) != 0)
-    return failed(kCannotOpen, "cannot create link", path);
-  Place part{place.dir, kPartName, AT_SYMLINK_NOFOLLOW, {}};
-  if (setOwner(part, header) != 0 || setTimes(part, header) != 0 ||
-      renameat(place.dir, kPartName, place.dir, place.name) != 0) {
-    int result = failed(kCannotOpen, "cannot create link", path);
-    unlinkat(place.dir, kPartName, 0);
-    return result;
-  }
-  return 0;
+  PartName name;
+  unlinkat(place.dir, name, 0);
+  if (symlinkat(text, place.dir, name) != 0) return failed(kCannotOpen, "cannot create link", path);
+  Place part{place.dir, name, AT_SYMLINK_NOFOLLOW, {}};
+  if (setOwner(part, header) == 0 && setTimes(part, header) == 0 &&
+      renameat(place.dir, name, place.dir, place.name) == 0)
+    return 0;
+  int result = failed(kCannotOpen, "cannot create link", path);
+  unlinkat(place.dir, name, 0);
+  return result;
 }
 
 int openSegment(const package &header, const char *path) {
   if (beneathRoot()) {
-    if (header.sequence != 0) {
-      if (state.fd >= 0) return 0;
-      errno = ESTALE;
-      return failed(kUnfinished, "the beginning is missing of", path);
-    }
+    if (header.sequence != 0) return continuePart(header, path);
     dropPart();
     return openPart(header, path);
   }
@@ -368,8 +430,7 @@ int closeSegment(const package &header, const char *path, int result) {
   if (result != 0) return result;
   if (chown(path, header.usrid, header.grpid) != 0 || chmod(path, header.mode & 07777) != 0)
     return failed(kCannotOwn, "cannot set owner or permissions of", path);
-  Place place{AT_FDCWD, path, 0, {}};
-  if (setTimes(place, header) != 0) base::print(stderr, "Warning cannot set file time \n");
+  setTimesOf(header, path);
   return 0;
 }
 

@@ -7,6 +7,7 @@
 #pragma once
 #include <stddef.h>
 #include <stdint.h>
+#include <sys/stat.h>
 #include <zul/records.h>
 
 namespace target {
@@ -14,16 +15,24 @@ namespace target {
 // Room for a root and a name, each at most 256 characters.
 constexpr size_t kPathRoom = 1024;
 
-// wantFile with room of its own for path.
+// wantFile with room of its own for path: 0, or with an empty path -1 when what is there is to be
+// kept, and kRefused (see lastError) when the name cannot be used at all.
+constexpr int kRefused = -13;
 int choosePath(const package &header, const char *root, int conflict, char *path, size_t room);
+
+// What stands at a path, as lstat gives it; under "sound" beneath the root that was begun. False
+// when there is nothing.
+bool lookAt(const char *path, struct stat *there);
+// kRefused, with the reason as lastError.
+int refuse(const char *what, const char *path);
 
 // Bytes of the segment that a header introduces: what is left of the file, at most PACK_CHUNK.
 size_t segmentLength(const package &header);
 
 // Begins a reception below root. Ends an earlier one.
 void begin(const char *root);
-// Gives the directories made meanwhile their times, drops an unfinished file. False when a file was
-// unfinished.
+// Gives the directories made meanwhile their permissions and times, drops an unfinished file. False
+// when a file was unfinished, or a directory cannot be finished.
 bool end();
 
 // Results of creating, beside 0. The text of the last failure stands in lastError().
@@ -34,6 +43,9 @@ constexpr int kCannotOwn = -5;
 constexpr int kShortWrite = -11;
 constexpr int kUnfinished = -12;
 const char *lastError();
+
+// Classic: the times of whatever stands at the path; a failure is only a warning.
+void setTimesOf(const package &header, const char *path);
 
 int makeDirectory(const package &header, const char *path);
 // text is the target, terminated. A link that cannot be created is only a warning in classic.

@@ -32,8 +32,8 @@ bool freeCopy(char *path, size_t room) {
   for (int copy = 0; copy < kCopies; copy++) {
     if (snprintf(path + length, room - length, ".%i", copy) >= static_cast<int>(room - length))
       return false;
-    struct stat status;
-    if (lstat(path, &status) != 0) return true;
+    struct stat there;
+    if (!target::lookAt(path, &there)) return true;
   }
   return false;
 }
@@ -50,13 +50,14 @@ bool replaces(const package &header, const struct stat &there, int conflict) {
 int target::choosePath(const package &header, const char *root, int conflict, char *path,
                        size_t room) {
   path[0] = '\0';
-  if (base::sound(base::Area::receive) && climbs(header.filename)) return -1;
+  if (base::sound(base::Area::receive) && climbs(header.filename))
+    return refuse("a name that leads outside:", header.filename);
   char candidate[kPathRoom];
   int length = snprintf(candidate, sizeof candidate, "%.256s%.256s", root, header.filename);
   // A cut name is another file's name: better no file than that one.
-  if (static_cast<size_t>(length) >= room) return -1;
+  if (static_cast<size_t>(length) >= room) return refuse("too long a path:", candidate);
   struct stat there;
-  if (lstat(candidate, &there) != 0) {
+  if (!lookAt(candidate, &there)) {
     memcpy(path, candidate, static_cast<size_t>(length) + 1);
     return 0;
   }
@@ -64,7 +65,8 @@ int target::choosePath(const package &header, const char *root, int conflict, ch
     // A second copy of a directory would be empty and in the way: what goes into it goes into the
     // one that is there.
     if (base::sound(base::Area::receive) && S_ISDIR(there.st_mode) && header.type == 1) return -1;
-    if (!freeCopy(candidate, sizeof candidate) || strlen(candidate) >= room) return -1;
+    if (!freeCopy(candidate, sizeof candidate) || strlen(candidate) >= room)
+      return refuse("no free name beside", header.filename);
   } else if (!replaces(header, there, conflict)) {
     return -1;
   }
@@ -73,5 +75,5 @@ int target::choosePath(const package &header, const char *root, int conflict, ch
 }
 
 int wantFile(package *header, char *root, int conflict, char *path) {
-  return target::choosePath(*header, root, conflict, path, 256);
+  return target::choosePath(*header, root, conflict, path, 256) == 0 ? 0 : -1;
 }

@@ -128,29 +128,44 @@ int releaseConsole() {
   return 0;
 }
 
-int serve(const Request &request, char *device, const char *list) {
+// What to tell an operator about a restore that ended early.
+const char *reasonOf(int result) {
+  switch (result) {
+    case -1:
+      return "the receiver cannot be reached, or the tape cannot be read; see "
+             "var/tape/restore.serv";
+    case -2:
+    case -5:
+      return "the receiver broke off; see var/tape/restore.clnt on it, and var/tape/restore.serv";
+    default:
+      return "the restore ended early; see var/tape/restore.serv";
+  }
+}
+
+// The text is empty when all went well.
+const char *serve(const Request &request, char *device, const char *list) {
   // The catalog copy of volume v is tape file v; the data follows it.
-  if (mtFSF(device, request.volume + 1) != 0) return -1;
+  if (mtFSF(device, request.volume + 1) != 0) return "the tape cannot be positioned to the volume";
   if (startRestoreClnt(request.host, request.destination, request.conflict) < 0) {
     base::print(stderr, "ERROR:  8114  Cannot start restore client on: %s\n", request.host);
-    return -1;
+    return "the destination host does not answer, or refuses the login";
   }
   tape::OpenDrive drive(drive::openDrive(device, O_RDONLY));
   if (!drive) {
     base::print(stderr, "ERROR:  8115  Cannot open device: %s\n", device);
-    return -1;
+    return "the drive cannot be opened";
   }
-  return restoreServ(drive.get(), request.host, request.destination, list) < 0 ? -1 : 0;
+  int result = restoreServ(drive.get(), request.host, request.destination, list);
+  return result < 0 ? reasonOf(result) : "";
 }
 
-// Two restores would share the index, the list and the log. Held until the process ends.
-bool lockRestore() {
-  int fd = open(base::HomePath("var/tape/restore.lock"), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-  if (fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) == 0) return true;
-  if (fd >= 0) close(fd);
+// Two restores would share the index, the list and the log.
+base::Fd lockRestore() {
+  base::Fd fd(open(base::HomePath("var/tape/restore.lock"), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  if (fd && flock(fd.get(), LOCK_EX | LOCK_NB) == 0) return fd;
   base::print(stderr,
               "ERROR:  Another restore is running on this tape host.  Wait for it, or end it.\n");
-  return false;
+  return base::Fd();
 }
 
 }  // namespace
@@ -159,7 +174,8 @@ int goRestore(char *args) {
   base::ignoreSigpipe();
   Request request;
   if (cutRequest(args, &request) != 0) return 1;
-  if (soundRestore() && !lockRestore()) return -1;
+  base::Fd lock;
+  if (soundRestore() && !(lock = lockRestore())) return -1;
   char device[256];
   if (getTapePath(request.drive, device) != 0) return -1;
   // Another tape would be read as if it held this volume.
@@ -169,12 +185,11 @@ int goRestore(char *args) {
   if (releaseConsole() != 0) return -1;
   tape::beginReport({request.drive, request.tape, request.volume, request.host, request.destination,
                      countLines(list)});
-  int result = serve(request, device, list);
-  bool whole = tape::endReport(
-      result, result == 0 ? "" : "the restore ended early; see var/tape/restore.serv");
+  const char *error = serve(request, device, list);
+  int result = *error ? -1 : 0;
+  bool whole = tape::endReport(result, error);
   // Files that could not be restored make a failed restore, whatever the dialogue came to.
-  if (soundRestore() && !whole) return -1;
-  return result;
+  return soundRestore() && !whole ? -1 : result;
 }
 
 namespace {

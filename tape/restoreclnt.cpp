@@ -25,13 +25,17 @@ namespace {
 
 constexpr int kMismatch = -1;
 constexpr int kReadFailed = -4;
+// A read that failed, told apart from a parent that cannot be made: both are -4 to callers, but
+// only the one loses the stream.
+constexpr int kStreamLost = -100;
+constexpr size_t kLongPiece = 65536;
 
-// Reads the rest of a segment that cannot be written, so that the dialogue stays in step.
+// Reads what is left of a segment that cannot be written, so that the dialogue stays in step.
 int drain(int sd, size_t left) {
   char piece[PACK_PIECE];
   while (left > 0) {
     size_t want = left < sizeof piece ? left : sizeof piece;
-    if (readn(sd, piece, want) != static_cast<ssize_t>(want)) return kReadFailed;
+    if (readn(sd, piece, want) != static_cast<ssize_t>(want)) return kStreamLost;
     left -= want;
   }
   return 0;
@@ -40,13 +44,14 @@ int drain(int sd, size_t left) {
 int receiveLink(int sd, const package &header, const char *path) {
   char text[PACK_PIECE + 1] = "";
   size_t length = header.size < PACK_PIECE ? static_cast<size_t>(header.size) : PACK_PIECE;
-  if (readn(sd, text, length) < 0) return kReadFailed;
+  if (readn(sd, text, length) != static_cast<ssize_t>(length)) return kStreamLost;
   if (header.size > length && drain(sd, target::segmentLength(header) - length) != 0)
-    return kReadFailed;
+    return kStreamLost;
   text[length] = '\0';
   if (strlen(text) + 1 != header.size) {
     base::print(stderr, "ERROR:  Stream read error.  Got: %s.  Of length %li, expected %li\n", text,
                 static_cast<long>(strlen(text)), static_cast<long>(header.size));
+    target::refuse("the text of the link is not whole:", path);
     return kMismatch;
   }
   return target::makeLink(header, path, text);
@@ -59,28 +64,50 @@ void printNoParent(const char *path) {
               slash ? static_cast<int>(slash - path) : 0, path);
 }
 
-int receiveSegment(int sd, const package &header, const char *path) {
-  size_t left = target::segmentLength(header);
-  // Behind a file that ends on a full megabyte comes one more header, and nothing to write.
-  if (left == 0 && header.sequence > 0) return 0;
+int openFile(const package &header, const char *path) {
   int result = target::openSegment(header, path);
   if (result == target::kNoParent) printNoParent(path);
   if (result == target::kCannotOpen)
     base::print(stderr, "ERROR:  Cannot open %s.  errno = %i\n", path, errno);
-  if (result != 0)
-    return base::sound(base::Area::receive) && drain(sd, left) != 0 ? kReadFailed : result;
-  char piece[PACK_PIECE];
+  return result;
+}
+
+int receiveSegment(int sd, const package &header, const char *path) {
+  size_t left = target::segmentLength(header);
+  // Behind a file that ends on a full megabyte comes one more header, and nothing to write.
+  if (left == 0 && header.sequence > 0) return 0;
+  bool sound = base::sound(base::Area::receive);
+  int result = openFile(header, path);
+  if (result != 0) return sound && drain(sd, left) != 0 ? kStreamLost : result;
+  char piece[kLongPiece];
+  // Of a stream that breaks off classic keeps every full piece of this size.
+  size_t most = sound ? sizeof piece : PACK_PIECE;
   while (left > 0) {
-    size_t want = left < sizeof piece ? left : sizeof piece;
-    ssize_t got = readn(sd, piece, want);
-    if (got != static_cast<ssize_t>(want)) {
-      target::closeSegment(header, path, kReadFailed);
-      return kReadFailed;
+    size_t want = left < most ? left : most;
+    if (readn(sd, piece, want) != static_cast<ssize_t>(want)) {
+      target::closeSegment(header, path, kStreamLost);
+      return kStreamLost;
     }
     left -= want;
     if (result == 0) result = target::put(piece, want);
   }
   return target::closeSegment(header, path, result);
+}
+
+int takeSegment(int sd, const package &header, const char *path) {
+  switch (header.type) {
+    case 0:
+      return receiveSegment(sd, header, path);
+    case 1:
+      return target::makeDirectory(header, path);
+    case 2:
+      return receiveLink(sd, header, path);
+    default:
+      // Nothing is created for devices, pipes and what had vanished. Classic sets the times of
+      // whatever stands at the path all the same, which turns a file that is there back to 1970.
+      if (!base::sound(base::Area::receive)) target::setTimesOf(header, path);
+      return 0;
+  }
 }
 
 // Without a limit a tape host that died would keep the data port, and with it every later backup
@@ -95,38 +122,42 @@ struct Dialogue {
   bool failed;  // under "sound": some file was not restored
 };
 
-// Tells the tape host what happened to the file it has just sent; one that does not know the line
-// ignores it.
-void reportFailure(const Dialogue &dialogue, const package &header, int result) {
+// Tells the tape host what happened to the file it has offered last; one that does not know the
+// line ignores it.
+void reportFailure(Dialogue *dialogue, const package &header, int result) {
   char line[512];
   char what[400];
   base::copyText(what, sizeof what, target::lastError());
   for (char *at = what; *at; at++)
     if (*at == '\n' || *at == '\r') *at = '?';
   int length = snprintf(line, sizeof line, "Failed %i %s\n", result, what);
-  writen(dialogue.sd, line, static_cast<size_t>(length));
+  writen(dialogue->sd, line, static_cast<size_t>(length));
   base::print(stderr, "ERROR:  Not restored: %.256s: %s (%i)\n", header.filename, what, result);
+  dialogue->failed = true;
+  dialogue->path[0] = '\0';
 }
 
 // One file header. 0, or the result that ends the dialogue.
 int takeFile(Dialogue *dialogue, package *header) {
+  bool sound = base::sound(base::Area::receive);
+  int chosen = 0;
   if (header->sequence == 0)
-    target::choosePath(*header, dialogue->root, dialogue->conflict, dialogue->path,
-                       sizeof dialogue->path);
+    chosen = target::choosePath(*header, dialogue->root, dialogue->conflict, dialogue->path,
+                                sizeof dialogue->path);
   if (dialogue->path[0] == '\0') {
     base::print(stderr, "ERROR:  Restore path is null!\n");
+    if (sound && chosen == target::kRefused) reportFailure(dialogue, *header, chosen);
     return 0;
   }
   writen(dialogue->sd, "Get\n", 4);
-  int result = getFilefromStream2(dialogue->sd, header, dialogue->path);
+  int result = takeSegment(dialogue->sd, *header, dialogue->path);
   if (result == 0) return 0;
-  base::print(stderr, "ERROR:  Got error from getFilefromStream2.  retval = %i\n", result);
+  base::print(stderr, "ERROR:  Got error from getFilefromStream2.  retval = %i\n",
+              result == kStreamLost ? kReadFailed : result);
   // One file that cannot be made costs only itself, as long as its bytes were taken from the
   // stream.
-  if (!base::sound(base::Area::receive) || result == kReadFailed) return -4;
-  reportFailure(*dialogue, *header, result);
-  dialogue->failed = true;
-  dialogue->path[0] = '\0';
+  if (!sound || result == kStreamLost) return -4;
+  reportFailure(dialogue, *header, result);
   return 0;
 }
 
@@ -172,19 +203,8 @@ int exchange(Dialogue *dialogue) {
 }  // namespace
 
 int getFilefromStream2(int sd, package *header, char *path) {
-  switch (header->type) {
-    case 0:
-      return receiveSegment(sd, *header, path);
-    case 1:
-      return target::makeDirectory(*header, path);
-    case 2:
-      return receiveLink(sd, *header, path);
-    default:
-      // Nothing is created for devices, pipes and what had vanished. Classic sets the times of
-      // whatever stands at the path all the same, which turns a file that is there back to 1970.
-      if (!base::sound(base::Area::receive)) base::print(stderr, "Warning cannot set file time \n");
-      return 0;
-  }
+  int result = takeSegment(sd, *header, path);
+  return result == kStreamLost ? kReadFailed : result;
 }
 
 int restHandShk(int listener, char *destination, int conflict) {

@@ -57,6 +57,7 @@ class Selector {
 
   // True when the line's package belongs into the restore list.
   bool take(const tape::VolumeLine &line) {
+    if (sound()) passUnmatched(line);
     if (ofAnotherHost(line.host)) return false;
     if (takesAll(line)) return true;
     if (line.entry == next_) begin(line);
@@ -69,6 +70,11 @@ class Selector {
     }
     if (selected_ && step(line)) written = true;
     return written;
+  }
+
+  // Names the wanted numbers behind the last entry.
+  void finish() {
+    while (sound() && next_ != 0) giveUp("there is none on this volume");
   }
 
  private:
@@ -88,6 +94,25 @@ class Selector {
     return true;
   }
 
+  // In a numbered list nothing behind a wanted number could match any more once that number has
+  // gone by, be it that it is an entry of another host or none at all: it is named, and passed
+  // over.
+  void passUnmatched(const tape::VolumeLine &line) {
+    if (line.entry == next_ && ofAnotherHost(line.host)) giveUp("it is of another host");
+    while (next_ != 0 && line.entry > next_) giveUp("there is none on this volume");
+  }
+
+  void giveUp(const char *why) {
+    if (next_ == 0) return;
+    base::print(stderr, "WARNING:  Entry %li is not restored: %s\n", next_, why);
+    advance();
+  }
+
+  void advance() {
+    at_++;
+    next_ = at_ < wanted_.size() ? wanted_[at_] : 0;
+  }
+
   void fixHost(const tape::VolumeLine &line) {
     if (hostKnown_) return;
     host_.assign(line.host, strnlen(line.host, 127));
@@ -96,18 +121,23 @@ class Selector {
 
   void begin(const tape::VolumeLine &line) {
     fixHost(line);
+    advance();
+    // A tree that is wanted does not end at an entry in it that is wanted too.
+    if (sound() && selected_ && directory_ && below(line)) return;
     selected_ = true;
-    at_++;
-    next_ = at_ < wanted_.size() ? wanted_[at_] : 0;
     size_t length = strlen(line.name);
     directory_ = length > 0 && line.name[length - 1] == '/';
     if (directory_) prefix_.assign(line.name, strnlen(line.name, kDirectoryRoom));
   }
 
+  bool below(const tape::VolumeLine &line) const {
+    return strncmp(line.name, prefix_.c_str(), prefix_.size()) == 0;
+  }
+
   bool step(const tape::VolumeLine &line) {
     if (directory_) {
       continuation_ = false;
-      if (strncmp(line.name, prefix_.c_str(), prefix_.size()) == 0) return true;
+      if (below(line)) return true;
       selected_ = false;
       return false;
     }
@@ -136,7 +166,8 @@ void dropLineEnd(char *text) {
   if (length > 0 && iscntrl(static_cast<unsigned char>(text[length - 1]))) text[length - 1] = '\0';
 }
 
-void walk(FILE *volume, FILE *list, const std::vector<long> &wanted) {
+// The number of lines written.
+long walk(FILE *volume, FILE *list, const std::vector<long> &wanted) {
   Selector selector(wanted);
   tape::RestoreListWriter writer(list, sound());
   char line[base::kPathMax], whole[base::kPathMax];
@@ -150,6 +181,8 @@ void walk(FILE *volume, FILE *list, const std::vector<long> &wanted) {
     }
     if (selector.take(cut)) writer.add(cut.host, cut.name);
   }
+  selector.finish();
+  return writer.lines();
 }
 
 // One wanted path: "host:path"; a path that ends in '/' takes the tree.
@@ -175,9 +208,12 @@ std::vector<Wish> readWishes(FILE *file) {
   }
   // Sorted by host and path, so that one search finds what could match a name, however many wishes
   // there are.
-  std::sort(wishes.begin(), wishes.end(), [](const Wish &a, const Wish &b) {
-    return std::tie(a.host, a.path) < std::tie(b.host, b.path);
-  });
+  auto key = [](const Wish &wish) { return std::tie(wish.host, wish.path); };
+  std::sort(wishes.begin(), wishes.end(),
+            [&](const Wish &a, const Wish &b) { return key(a) < key(b); });
+  wishes.erase(std::unique(wishes.begin(), wishes.end(),
+                           [&](const Wish &a, const Wish &b) { return key(a) == key(b); }),
+               wishes.end());
   return wishes;
 }
 
@@ -198,15 +234,11 @@ class Wishes {
   }
 
   // What matched nothing, each named once.
-  int complain() const {
-    int missing = 0;
-    for (const Wish &wish : wishes_) {
-      if (wish.found) continue;
-      missing++;
-      base::print(stderr, "WARNING:  Not on this volume: %s:%s\n", wish.host.c_str(),
-                  wish.path.c_str());
-    }
-    return missing;
+  void complain() const {
+    for (const Wish &wish : wishes_)
+      if (!wish.found)
+        base::print(stderr, "WARNING:  Not on this volume: %s:%s\n", wish.host.c_str(),
+                    wish.path.c_str());
   }
 
  private:
@@ -226,9 +258,30 @@ class Wishes {
   std::vector<Wish> wishes_;
 };
 
-int finishList(base::File *list, const char *listFile) {
-  if (list->close()) return 0;
-  base::printBoth("ERROR:  8108  Cannot open restore list file: %s\n", listFile);
+// What is read and what is written, both open.
+struct Lists {
+  base::File volume, list;
+};
+
+bool openLists(const char *volumeList, const char *listFile, Lists *lists) {
+  lists->volume = base::File(fopen(volumeList, "re"));
+  if (!lists->volume) {
+    base::printBoth("ERROR:  8107  Cannot open restore catalog file: %s\n", volumeList);
+    return false;
+  }
+  lists->list = base::File(fopen(listFile, "we"));
+  if (!lists->list) base::printBoth("ERROR:  8108  Cannot open restore list file: %s\n", listFile);
+  return static_cast<bool>(lists->list);
+}
+
+int finishList(base::File *list, const char *listFile, const char *selection, long lines) {
+  if (!list->close()) {
+    base::printBoth("ERROR:  8108  Cannot open restore list file: %s\n", listFile);
+    return -1;
+  }
+  // A restore of nothing would end as if all had been restored.
+  if (lines > 0 || !sound()) return 0;
+  base::printBoth("ERROR:  Nothing of the selection is on this volume: %s\n", selection);
   return -1;
 }
 
@@ -260,29 +313,17 @@ int tape::selectByName(const char *selection, const char *volumeList, const char
     return -1;
   }
   Wishes wishes(readWishes(names.get()));
-  base::File volume(fopen(volumeList, "re"));
-  if (!volume) {
-    base::printBoth("ERROR:  8107  Cannot open restore catalog file: %s\n", volumeList);
-    return -1;
-  }
-  base::File list(fopen(listFile, "we"));
-  if (!list) {
-    base::printBoth("ERROR:  8108  Cannot open restore list file: %s\n", listFile);
-    return -1;
-  }
-  RestoreListWriter writer(list.get(), true);
+  Lists lists;
+  if (!openLists(volumeList, listFile, &lists)) return -1;
+  RestoreListWriter writer(lists.list.get(), true);
   char line[base::kPathMax];
-  while (fgets(line, sizeof line, volume.get())) {
+  while (fgets(line, sizeof line, lists.volume.get())) {
     VolumeLine cut;
     if (cutVolumeLine(line, &cut) && wishes.match(cut.host, cut.name))
       writer.add(cut.host, cut.name);
   }
   wishes.complain();
-  if (writer.lines() == 0) {
-    base::printBoth("ERROR:  Nothing of the selection is on this volume: %s\n", selection);
-    return -1;
-  }
-  return finishList(&list, listFile);
+  return finishList(&lists.list, listFile, selection, writer.lines());
 }
 
 int mkRestoreList(char *indexfile, char *volumelist, char *listfile) {
@@ -293,16 +334,8 @@ int mkRestoreList(char *indexfile, char *volumelist, char *listfile) {
   }
   std::vector<long> wanted = readIndex(index.get());
   if (wanted.empty()) return -1;
-  base::File volume(fopen(volumelist, "re"));
-  if (!volume) {
-    base::printBoth("ERROR:  8107  Cannot open restore catalog file: %s\n", volumelist);
-    return -1;
-  }
-  base::File list(fopen(listfile, "we"));
-  if (!list) {
-    base::printBoth("ERROR:  8108  Cannot open restore list file: %s\n", listfile);
-    return -1;
-  }
-  walk(volume.get(), list.get(), wanted);
-  return finishList(&list, listfile);
+  Lists lists;
+  if (!openLists(volumelist, listfile, &lists)) return -1;
+  long lines = walk(lists.volume.get(), lists.list.get(), wanted);
+  return finishList(&lists.list, listfile, indexfile, lines);
 }

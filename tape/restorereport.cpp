@@ -143,15 +143,15 @@ bool endReport(int result, const char *error) {
   now.result = result;
   now.ended = time(nullptr);
   base::copyText(now.error, sizeof now.error, error);
+  if (result == 0 && !whole)
+    snprintf(now.error, sizeof now.error,
+             "%" PRIu64 " files failed, %" PRIu64 " were not found on tape", now.failed,
+             now.missing);
   if (now.results) fclose(now.results);
   now.results = nullptr;
   write();
   now.begun = false;
   return whole;
-}
-
-int restoreDataFile() {
-  return now.begun ? now.job.volume + 1 : -1;
 }
 
 }  // namespace tape

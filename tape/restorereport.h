@@ -21,10 +21,8 @@ void reportSegment(const package &header);
 // One file's outcome: "restored", "kept" (it was not wanted), "failed" or "missing" (not on the
 // tape).
 void reportRestored(const char *host, const char *path, const char *outcome, const char *why);
-// The last record. True when every wanted file was restored or kept.
+// The last record, with what went wrong, which is empty when nothing did but for single files. True
+// when every wanted file was restored or kept.
 bool endReport(int result, const char *error);
-
-// The tape file that holds the volume's data, counted from 0; -1 outside a restore job.
-int restoreDataFile();
 
 }  // namespace tape

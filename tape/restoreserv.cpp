@@ -1,9 +1,9 @@
 // The tape side of a restore, in the restore job's process: answers the receiver's "Next" and "Get"
 // from the tape.
 //
-// The tape is read forward once. For every name of the restore list the package headers are read
-// until the wanted one comes; segments that are not wanted are passed over, by the drive's own
-// spacing where there is a drive.
+// Classic: the tape is read forward once. For every name of the restore list the package headers
+// are read until the wanted one comes; segments that are not wanted are passed over, by the drive's
+// own spacing where there is a drive. Sound: see restoreplan.h.
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
@@ -12,6 +12,8 @@
 #include <zul/host.h>
 #include <zul/net.h>
 #include <zul/tape.h>
+
+#include <new>
 
 #include "base/fd.h"
 #include "base/log.h"
@@ -23,27 +25,26 @@
 #include "net/agentlogin.h"
 #include "replication/target.h"
 #include "tape/restorelist.h"
+#include "tape/restoreplan.h"
 #include "tape/restorereport.h"
 
 namespace {
 
-constexpr size_t kBlock = 512;
-constexpr int kEmptyReads =
-    300;  // a tenth of a second each: half a minute after its end a receiver is gone
-constexpr int kSearchesAgain = 16;
+constexpr size_t kTapeUnit = 512;
+// A tenth of a second each: half a minute after its end a receiver is gone.
+constexpr int kEmptyReads = 300;
 
 struct Server {
   int tape;
   bool onDrive;  // the tape knows tape operations; a restore can also be fed from a plain stream
   int sd;
   FILE *list;
-  package header;  // of the package the tape stands behind
+  tape::RestorePlan *plan;  // chooses the packages of a drive under "sound"; else they are searched
+  package header;           // of the package the tape stands behind, or that was offered last
   char raw[PACK_SIZE];
-  bool pending;    // its segment is still on the tape before us: the receiver has not asked for it
-  bool sent;       // a header went out and what became of it is not known yet
+  bool pending;    // it was offered and the receiver has not asked for it
+  bool sent;       // it was offered and what became of it is not known yet
   char host[128];  // whose files the list names now; empty: any host's
-  int searchesLeft;
-  bool damaged;  // a segment that was promised could not be read whole
 };
 
 bool soundRestore() {
@@ -56,58 +57,21 @@ bool isDrive(int fd) {
 }
 
 size_t roundedUp(size_t n) {
-  return (n + kBlock - 1) / kBlock * kBlock;
+  return (n + kTapeUnit - 1) / kTapeUnit * kTapeUnit;
 }
 
 // Passes over the segment behind the current header.
-bool skipSegment(Server *server) {
-  size_t left = target::segmentLength(server->header);
+bool skipSegment(const Server &server) {
+  size_t left = target::segmentLength(server.header);
   size_t blocks = (left + PACK_PIECE - 1) / PACK_PIECE;
   if (blocks == 0) return true;
   // Spacing costs one call for 128 blocks and moves no data.
-  if (server->onDrive) return drive::operate(server->tape, MTFSR, static_cast<int>(blocks)) == 0;
+  if (server.onDrive) return drive::operate(server.tape, MTFSR, static_cast<int>(blocks)) == 0;
   char piece[PACK_PIECE];
   for (; left >= sizeof piece; left -= sizeof piece)
-    if (readt(server->tape, piece, sizeof piece) != static_cast<ssize_t>(sizeof piece))
-      return false;
+    if (readt(server.tape, piece, sizeof piece) != static_cast<ssize_t>(sizeof piece)) return false;
   size_t rest = roundedUp(left);
-  return rest == 0 || readt(server->tape, piece, rest) == static_cast<ssize_t>(rest);
-}
-
-// Finds the next header block by block: what stands between packages (the rest of a package whose
-// writing was broken off, say) is passed over, and so are blocks that cannot be read. 0, or -1 at
-// the end of the data.
-int nextHeaderOnDrive(Server *server) {
-  constexpr int kBadBlocks = 100;
-  char block[PACK_PIECE];
-  long passed = 0;
-  for (int bad = 0; bad < kBadBlocks;) {
-    ssize_t got = drive::readBlock(server->tape, block, sizeof block);
-    if (got == 0) break;
-    if (got < 0) {
-      bad++;
-      base::print(stderr, "WARNING:  A block of the tape cannot be read: %s\n", strerror(errno));
-      continue;
-    }
-    if (got == PACK_SIZE && memcmp(block, "ZuL!", 4) == 0) {
-      if (passed)
-        base::print(stderr, "WARNING:  Passed over %li blocks that belong to no package\n", passed);
-      memcpy(server->raw, block, PACK_SIZE);
-      return unpackPackage(server->raw, &server->header);
-    }
-    passed++;
-  }
-  return -1;
-}
-
-int nextHeader(Server *server) {
-  int result = soundRestore() && server->onDrive
-                   ? nextHeaderOnDrive(server)
-                   : getPackHead(server->tape, server->raw, &server->header);
-  // Tapes are untrusted: names end where their fields do.
-  server->header.filename[sizeof server->header.filename - 1] = '\0';
-  server->header.fromhost[sizeof server->header.fromhost - 1] = '\0';
-  return result;
+  return rest == 0 || readt(server.tape, piece, rest) == static_cast<ssize_t>(rest);
 }
 
 // The names on tape end where a header's field does, so a longer name of the list can only match
@@ -130,29 +94,51 @@ bool nextName(Server *server, char *name, size_t room) {
   return false;
 }
 
-// Reads forward to the wanted package. 0, or -1 at the end of the data.
-int search(Server *server, const char *name) {
+// Reads forward to the wanted package. False at the end of the data.
+bool search(Server *server, const char *name) {
+  base::print(stderr, "Trying to restore %s\n", name);
   for (;;) {
-    if (nextHeader(server) != 0) return -1;
+    if (getPackHead(server->tape, server->raw, &server->header) != 0) return false;
     base::print(stderr, "INFO:  Is this the desired file? %s\n", server->header.filename);
     if (server->header.sequence != 0) prntFileData(&server->header);
-    if (isWanted(*server, name)) return 0;
-    if (!skipSegment(server)) return -1;
+    if (isWanted(*server, name)) return true;
+    if (!skipSegment(*server)) return false;
   }
 }
 
-// A name that is on the list and not on the tape must not take every later name with it: back to
-// the data file's start, and on with the next one.
-bool searchAgain(Server *server, const char *name) {
-  base::print(stderr, "ERROR:  Not found on tape: %s\n", name);
-  tape::reportRestored(server->host, name, "missing", "not found on tape");
-  int dataFile = tape::restoreDataFile();
-  if (!soundRestore() || dataFile < 0 || server->searchesLeft-- <= 0) return false;
-  return drive::operate(server->tape, MTREW, 1) == 0 &&
-         drive::operate(server->tape, MTFSF, dataFile) == 0;
+enum class Found { package, end, failure };
+
+// The tape is searched forward for the next name of the list.
+Found findByName(Server *server) {
+  char name[base::kPathMax];
+  if (!nextName(server, name, sizeof name)) return Found::end;
+  if (search(server, name)) return Found::package;
+  if (!soundRestore()) return Found::failure;
+  // The receiver is to hear of an orderly end, and the operator of every name.
+  do {
+    tape::reportRestored(server->host, name, "missing", "not found on tape");
+  } while (nextName(server, name, sizeof name));
+  return Found::end;
 }
 
-int sendEndOfList(Server *server) {
+Found findNext(Server *server) {
+  if (!server->plan) return findByName(server);
+  if (!server->plan->next()) return Found::end;
+  server->header = server->plan->header();
+  memcpy(server->raw, server->plan->raw(), sizeof server->raw);
+  base::print(stderr, "Trying to restore %s\n", server->header.filename);
+  return Found::package;
+}
+
+// 0, or -5 after a message.
+int sendHeader(const Server &server, const char *raw) {
+  ssize_t sent = writen(server.sd, raw, PACK_SIZE);
+  if (sent == PACK_SIZE) return 0;
+  base::print(fplog, "ERROR:  Server transmit error: %i\n", static_cast<int>(sent));
+  return -5;
+}
+
+int sendEndOfList(const Server &server) {
   package end{};
   end.magic = PACK_EOL_MAGIC;
   char raw[PACK_SIZE];
@@ -160,89 +146,57 @@ int sendEndOfList(Server *server) {
     base::print(fplog, "ERROR:  Package error\n");
     return -4;
   }
-  ssize_t sent = writen(server->sd, raw, sizeof raw);
-  if (sent == static_cast<ssize_t>(sizeof raw)) return 0;
-  base::print(fplog, "ERROR:  Server transmit error: %i\n", static_cast<int>(sent));
-  return -5;
+  return sendHeader(server, raw);
 }
 
-// What became of the header sent last is known when the receiver asks on.
+// What became of the package offered last is known when the receiver asks on.
 void settle(Server *server) {
   if (!server->sent) return;
   server->sent = false;
-  if (server->pending)
-    tape::reportRestored(server->header.fromhost, server->header.filename, "kept", "");
-  else if (server->damaged)
-    tape::reportRestored(server->header.fromhost, server->header.filename, "failed",
-                         "the tape cannot be read here");
-  else
+  if (!server->pending) {
     tape::reportSegment(server->header);
-  server->damaged = false;
+    return;
+  }
+  // A file that the receiver does not want is passed over with all its packages, and counts once.
+  if (server->header.sequence == 0)
+    tape::reportRestored(server->header.fromhost, server->header.filename, "kept", "");
+  if (server->plan) server->plan->settle();
 }
 
 // 1 to go on, 0 at the end, negative on failure.
 int answerNext(Server *server) {
   base::print(stderr, "INFO:  Got Next\n");
   settle(server);
-  if (server->pending) {
+  if (server->pending && !server->plan) {
     base::print(stderr, "Ignoring:  %s   Toread = %li\n", server->header.filename,
                 static_cast<long>(target::segmentLength(server->header)));
-    server->pending = false;
-    if (!skipSegment(server) && !soundRestore()) return -1;
+    if (!skipSegment(*server)) return -1;
   }
-  char name[base::kPathMax];
-  do {
-    if (!nextName(server, name, sizeof name)) return sendEndOfList(server);
-    base::print(stderr, "Trying to restore %s\n", name);
-    if (search(server, name) == 0) break;
-    if (!soundRestore()) return -1;
-    if (!searchAgain(server, name)) {
-      while (nextName(server, name, sizeof name))
-        tape::reportRestored(server->host, name, "missing", "not reached");
-      return sendEndOfList(server);
-    }
-  } while (true);
+  server->pending = false;
+  Found found = findNext(server);
+  if (found == Found::end) return sendEndOfList(*server);
+  if (found == Found::failure) return -1;
   base::print(stderr, "Send Head:  %s   Toread = %li\n", server->header.filename,
               static_cast<long>(target::segmentLength(server->header)));
-  ssize_t sent = writen(server->sd, server->raw, PACK_SIZE);
-  if (sent != PACK_SIZE) {
-    base::print(fplog, "ERROR:  Server transmit error: %i\n", static_cast<int>(sent));
-    return -5;
-  }
+  int result = sendHeader(*server, server->raw);
+  if (result != 0) return result;
   server->pending = server->sent = true;
   return 1;
 }
 
-// A segment that was promised must be sent whole, or every later file is out of step: what cannot
-// be read goes out as zeros, and the file is reported as failed.
-int fillWithZeros(Server *server, size_t left) {
-  static const char zeros[PACK_PIECE] = {};
-  server->damaged = true;
-  while (left > 0) {
-    size_t n = left < sizeof zeros ? left : sizeof zeros;
-    if (writen(server->sd, zeros, n) != static_cast<ssize_t>(n)) return -2;
-    left -= n;
-  }
-  return 1;
-}
-
-int answerGet(Server *server) {
-  server->pending = false;
-  size_t left = target::segmentLength(server->header);
-  base::print(stderr, "INFO:  Got Get  Sending:  %s   Size: %li   Seq: %i  Toread: %li\n",
-              server->header.filename, static_cast<long>(server->header.size),
-              server->header.sequence, static_cast<long>(left));
+// Copies a segment from the tape piece by piece.
+int copySegment(const Server &server, size_t left) {
   char piece[PACK_PIECE];
   while (left > 0) {
     bool last = left < sizeof piece;
     size_t send = last ? left : sizeof piece;
     size_t want = roundedUp(send);
-    if (readt(server->tape, piece, want) != static_cast<ssize_t>(want)) {
+    if (readt(server.tape, piece, want) != static_cast<ssize_t>(want)) {
       readError(errno);
       base::print(fplog, last ? "ERROR:  GET error3\n" : "ERROR:  GET error\n");
-      return soundRestore() ? fillWithZeros(server, left) : -2;
+      return -2;
     }
-    if (writen(server->sd, piece, send) != static_cast<ssize_t>(send)) {
+    if (writen(server.sd, piece, send) != static_cast<ssize_t>(send)) {
       base::print(fplog, last ? "ERROR:  GET error4\n" : "ERROR:  GET error2\n");
       return -2;
     }
@@ -251,13 +205,30 @@ int answerGet(Server *server) {
   return 1;
 }
 
+int answerGet(Server *server) {
+  bool offered = server->pending;
+  server->pending = false;
+  size_t length = target::segmentLength(server->header);
+  base::print(stderr, "INFO:  Got Get  Sending:  %s   Size: %li   Seq: %i  Toread: %li\n",
+              server->header.filename, static_cast<long>(server->header.size),
+              server->header.sequence, static_cast<long>(length));
+  if (!server->plan) return copySegment(*server, length);
+  if (offered &&
+      writen(server->sd, server->plan->segment(), length) == static_cast<ssize_t>(length))
+    return 1;
+  base::print(fplog, "ERROR:  GET error2\n");
+  return -2;
+}
+
 // A receiver that could not make a file says so ("Failed RESULT WHY"), under "sound" on its side.
 void noteFailure(Server *server, char *line) {
   stripCtrl(line);
+  if (!server->sent) return;
   const char *why = strchr(line + 7, ' ');
   server->sent = false;
   tape::reportRestored(server->header.fromhost, server->header.filename, "failed",
                        why ? why + 1 : line);
+  if (server->plan) server->plan->settle();
 }
 
 int converse(Server *server) {
@@ -283,6 +254,19 @@ int converse(Server *server) {
     else if (soundRestore() && strncmp(line, "Failed ", 7) == 0)
       noteFailure(server, line);
     if (result <= 0) return result;
+  }
+}
+
+// On a drive, under "sound", the plan decides what is offered: a search by name ends the whole
+// restore at the first name that is not on the tape, and joins packages of different hosts.
+int converseByPlan(Server *server) {
+  try {
+    tape::RestorePlan plan(server->tape, server->list);
+    server->plan = &plan;
+    return converse(server);
+  } catch (const std::bad_alloc &) {
+    base::print(stderr, "ERROR:  Not enough memory for the restore list\n");
+    return -2;
   }
 }
 
@@ -317,6 +301,5 @@ int restoreServ(int tape, const char *host, const char *, const char *listpath) 
   server.onDrive = isDrive(tape);
   server.sd = connection.get();
   server.list = list.get();
-  server.searchesLeft = kSearchesAgain;
-  return converse(&server);
+  return soundRestore() && server.onDrive ? converseByPlan(&server) : converse(&server);
 }
