@@ -6,6 +6,7 @@
 // code.
 #include <errno.h>
 #include <stdarg.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -19,6 +20,7 @@
 #include "base/site.h"
 #include "base/text.h"
 #include "net/accept.h"
+#include "net/delivery.h"
 #include "net/gatherer.h"
 #include "net/requestlist.h"
 #include "net/stream.h"
@@ -44,6 +46,8 @@ namespace {
 
 constexpr size_t kCommandMax = 512;
 constexpr int kTimedOut = -7;
+constexpr int kPeerLost = -8;
+constexpr ssize_t kReadTimedOut = -2;
 
 // The dialogue of this process. Static, so that the return point of the alarm finds it as it was
 // left.
@@ -55,16 +59,39 @@ struct Dialogue {
   char **transforms;
   Source source;                 // the current file
   bool described;                // source holds the answer to a "Next"
+  bool asked;                    // and a "Get" followed
+  bool strict;                   // a replication that ends with its peer: see prepare
+  int silenceMs;                 // after which such a peer counts as lost
   char directory[kNameMax + 1];  // the last directory that was offered
 };
 Dialogue dialogue;
+
+struct Expected {
+  bool known;
+  int reqid, since;
+};
+Expected expected;
+
+// "Job ID SINCE": whether the peer came for what this gatherer offers.
+bool isExpected(const char *line) {
+  int reqid = 0, since = 0;
+  if (!expected.known || sscanf(line, "Job %i %i", &reqid, &since) != 2) return true;
+  if (reqid == expected.reqid && since == expected.since) return true;
+  note(
+      "ERROR:  The tape host came for job %i since %i; this gatherer was started for job %i since "
+      "%i\n",
+      reqid, since, expected.reqid, expected.since);
+  return false;
+}
 
 // Until a command is there. 0, or the negative result of a read that failed.
 ssize_t readCommand(char *line) {
   ssize_t count;
   memset(line, 0, kCommandMax);
-  while ((count = readnline(dialogue.sd, line, kCommandMax)) == 0)
+  while ((count = readnline(dialogue.sd, line, kCommandMax)) == 0) {
+    if (dialogue.strict) return kPeerLost;
     base::pauseFor(base::Pause::EmptyRead);
+  }
   return count < 0 ? count : 0;
 }
 
@@ -147,8 +174,9 @@ constexpr int kGoOn = 1;
 int answerNext() {
   Source &source = dialogue.source;
   bool awaited = base::sound(base::Area::stream);
+  if (dialogue.described && !dialogue.asked && source.header.type <= 2) countUp(&delivery()->kept);
   releaseSource(&source);
-  dialogue.described = false;
+  dialogue.described = dialogue.asked = false;
   do {
     char *path;
     Listed listed = awaited ? nextAwaited(&path) : nextClassic(&path);
@@ -174,54 +202,95 @@ int answerNext() {
   return kGoOn;
 }
 
-// "Get". What comes of it stands in the log.
-void answerGet() {
+void countSent(const Source &source) {
+  if (source.header.type <= 2) countUp(&delivery()->files);
+  if (!source.explained) return;
+  countUp(&delivery()->unreadable);
+  noteReason("%.160s cannot be read on this host", source.path);
+}
+
+// "Get". What comes of it stands in the log. kGoOn, or how the dialogue ends.
+int answerGet() {
   Source &source = dialogue.source;
+  long sent;
+  dialogue.asked = true;
   if (source.pinned && dialogue.described) {
     base::setAlarmTimerMs(timeouts.fileMs);
-    sendSource(&source, dialogue.sd);
+    sent = sendSource(&source, dialogue.sd);
   } else {
-    sendFile(dialogue.repmode, dialogue.sd, source.path, dialogue.transforms);
+    sent = sendFile(dialogue.repmode, dialogue.sd, source.path, dialogue.transforms);
   }
+  if (sent >= 0) countSent(source);
+  // Behind a file that was cut short nothing would be understood any more.
+  return sent == -2 && dialogue.strict ? kPeerLost : kGoOn;
 }
 
 // Carries out one command. kGoOn, or how the dialogue ends.
 int obey(const char *line) {
   if (strncmp(line, "Next", 4) == 0) return answerNext();
-  if (strncmp(line, "Get", 3) == 0) {
-    answerGet();
-  } else if (strncmp(line, "Quit", 4) == 0) {
+  if (strncmp(line, "Get", 3) == 0) return answerGet();
+  if (strncmp(line, "Quit", 4) == 0) {
     gathererGuard.hold();
     prntFileData(&dialogue.source.header);
     gathererGuard.release();
     return 0;
   } else if (strncmp(line, "Idle", 4) == 0) {
     base::pauseFor(base::Pause::Idle);
+  } else if (dialogue.repmode && isFailure(line)) {
+    noteFailure(line, dialogue.source.path);
+  } else if (strncmp(line, "Job ", 4) == 0 && base::sound(base::Area::stream)) {
+    return isExpected(line) ? kGoOn : -1;
   } else {
     note("WARNING:  3014  Command error, continuing anyway got: %s \n", line);
   }
   return kGoOn;
 }
 
+// Whether a peer of whom nothing can be read any more ends the dialogue. Left to the timer, a
+// target that died keeps its place among those that are served at once, and one that is silent
+// keeps it for ever.
+bool isLost(ssize_t result, long long heardMs) {
+  if (!dialogue.strict || result == 0) return false;
+  if (result != kReadTimedOut) {
+    note("ERROR:  The target closed the connection before the end of the list\n");
+    return true;
+  }
+  if (base::nowMs() - heardMs < dialogue.silenceMs) return false;
+  note("ERROR:  The target has said nothing for %i s\n", dialogue.silenceMs / 1000);
+  return true;
+}
+
 int converse() {
+  long long heardMs = base::nowMs();
   for (bool broken = false;;) {
     if (!broken && base::setAlarmTimerMs(timeouts.stepMs) != 0) return -1;
+    lookAtReceiver();
     char line[kCommandMax];
     ssize_t result = readCommand(line);
+    if (isLost(result, heardMs)) return result == kReadTimedOut ? kTimedOut : kPeerLost;
     if (broken) {
       base::pauseFor(base::Pause::EmptyRead);
       continue;
     }
     int outcome = obey(line);
     if (outcome != kGoOn) return outcome;
+    if (result == 0) heardMs = base::nowMs();
     // A time-out leaves the connection as it was. Every other failure will come again at once: it
     // was spoken of, and the rest is left to the timer, armed here once more because a file may
     // have been sent under its own.
-    if (result < 0 && result != -2) {
+    if (result < 0 && result != kReadTimedOut) {
       broken = true;
       base::setAlarmTimerMs(timeouts.stepMs);
     }
   }
+}
+
+// How long the peer may take to connect. A tape host that paces itself by readiness tries from the
+// moment it has asked; while a gatherer waits for one that died, the port is not free for others.
+int greetMs(int repmode) {
+  return !repmode && base::sound(base::Area::pace) && timeouts.greetMs < timeouts.stepMs
+             ? timeouts.greetMs
+             : timeouts.stepMs;
 }
 
 // Accepts the connection where there is none yet. 0 or -1.
@@ -253,6 +322,13 @@ int prepare(int repmode, int sd, const char *path, char **transforms) {
   dialogue.source.fd = -1;
   dialogue.source.pinned = base::sound(base::Area::stream);
   dialogue.repmode = repmode;
+  dialogue.strict = repmode && base::sound(base::Area::stream);
+  if (dialogue.strict) {
+    dialogue.silenceMs = base::siteLength("replication.silence", timeouts.stepMs);
+    // The single waits must not be longer than all of it.
+    if (dialogue.silenceMs < timeouts.lineMs) timeouts.lineMs = dialogue.silenceMs;
+    if (dialogue.silenceMs < timeouts.streamMs) timeouts.streamMs = dialogue.silenceMs;
+  }
   dialogue.sd = repmode ? sd : -1;
   dialogue.transforms = transforms;
   base::ignoreSigpipe();
@@ -264,6 +340,10 @@ int prepare(int repmode, int sd, const char *path, char **transforms) {
 }
 
 }  // namespace
+
+void expectRequest(int reqid, int since) {
+  expected = {true, reqid, since};
+}
 
 }  // namespace net
 
@@ -289,12 +369,12 @@ int servHandshak(int repmode, int sd, const char *path, char **transforms) {
     }
     gathererGuard.armed = 1;
     // The peer may have died before it connected: it is waited for under the same limit.
-    result = base::setAlarmTimerMs(net::timeouts.stepMs) == 0 ? net::greet(sd) : -1;
+    result = base::setAlarmTimerMs(net::greetMs(repmode)) == 0 ? net::greet(sd) : -1;
     if (result == 0) result = net::converse();
     gathererGuard.reset();
     base::setAlarmTimer(0);
-    net::hangUp();
   }
+  net::hangUp();
   sigaction(SIGALRM, &previous, nullptr);
   return result;
 }

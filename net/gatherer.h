@@ -19,6 +19,11 @@ void note(const char *format, ...) __attribute__((format(printf, 1, 2)));
 constexpr size_t kNameMax = 256;   // characters of a path that a header can carry
 constexpr size_t kLinkMax = 8191;  // characters of a link target
 
+// What this gatherer was asked for. A tape host that names another request ("Job ID SINCE", under
+// sound stream) has reached a gatherer that an earlier job left waiting on the same port: served
+// this one's list, it would file it as that of its own job. Not called in a replication.
+void expectRequest(int reqid, int since);
+
 // A file as it is offered to the peer.
 struct Source {
   char path[kNameMax + 1];

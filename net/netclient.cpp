@@ -22,6 +22,7 @@
 #include "base/site.h"
 #include "base/text.h"
 #include "net/agentlogin.h"
+#include "net/delivery.h"
 #include "net/gatherchild.h"
 #include "net/service.h"
 #include "tape/segment.h"
@@ -95,7 +96,15 @@ int openMailbox(const char *host) {
   return open(path, O_WRONLY | O_TRUNC | O_NONBLOCK | O_CLOEXEC);
 }
 
-int gatherInto(ipc *slot, const char *host) {
+// Says what we came for. A gatherer that an earlier job left waiting may still have the port: it
+// would serve that job's files as this one's. Gatherers that do not know the line pass it over.
+void nameRequest(int sd, int reqid, int since) {
+  char line[64];
+  int length = snprintf(line, sizeof line, "Job %i %i\n", reqid, since);
+  writen(sd, line, static_cast<size_t>(length));
+}
+
+int gatherInto(ipc *slot, const char *host, int reqid, int since) {
   int mailbox = slot->wfd = openMailbox(host);
   if (mailbox < 0) {
     base::print(backuplog, "ERROR:  3203  Unable to open FIFO\n");
@@ -106,6 +115,7 @@ int gatherInto(ipc *slot, const char *host) {
     base::print(backuplog, "ERROR:  3204  Unable to open socket to client\n");
     fail(slot, 2);
   }
+  if (base::sound(base::Area::stream)) nameRequest(sd, reqid, since);
   int result = clientHandshak(sd, slot);
   if (result < 0) {
     printAtEnd("ERROR:  3205  Client handshaking error %i, errno = %i\n", result, errno);
@@ -130,7 +140,7 @@ int connectData(int sd, const sockaddr_in &address) {
   long long limit = base::nowMs() + gatherLimits.refusedMs;
   while (connect(sd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
     bool again = errno == ECONNREFUSED && base::sound(base::Area::pace) && base::nowMs() < limit &&
-                 !gatherParentGone();
+                 !gatherParentGone() && !receiverEnded();
     close(sd);
     if (!again) return -1;
     base::pauseFor(base::Pause::ConnectRetry);
@@ -183,7 +193,7 @@ int goBackupChld(int slotno, const char *host, int reqid, int since) {
               static_cast<void *>(&slot->pst.flags), static_cast<void *>(&slot->cst.flags));
   net::awaitMailbox(slot);
   base::print(backuplog, "Parent says it is ready to receive data\n");
-  return net::gatherInto(slot, host);
+  return net::gatherInto(slot, host, reqid, since);
 }
 
 int startBackupServ(const char *host, int reqid, int since) {

@@ -112,6 +112,7 @@ int server(int reqid, int since) {
   base::pauseFor(base::Pause::ListGrace);
   base::print(backuplog, "INFO:  Starting servHandshak\n");
   char *noTransforms[] = {nullptr, nullptr};
+  net::expectRequest(reqid, since);
   int result = servHandshak(0, listening, requestList(reqid), noTransforms);
   if (result >= 0) base::endProcess(0);
   base::print(backuplog, "WARNING:  3001  Server handshaking error %i\n", result);

@@ -15,6 +15,7 @@ struct Timeouts {
   int listMs;    // a request list that does not appear
   int nudgeMs;   // an answer to "Next" that has to wait for the list: below streamMs, or the peer
                  // gives up
+  int greetMs;   // a peer that paces itself by readiness connects to the gatherer it asked for
   int storedMs;  // the word of a member that it has stored a pushed backup list
 };
 

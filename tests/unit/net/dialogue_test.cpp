@@ -12,6 +12,7 @@
 
 #include "base/pause.h"
 #include "base/process.h"
+#include "net/gatherer.h"
 #include "netsupport.h"
 
 namespace fs = std::filesystem;
@@ -476,6 +477,49 @@ TEST_F(SoundDialogue, AGrowingListIsFollowedToItsEnd) {
   append("end\n");
   EXPECT_EQ(gatherer.next().magic, PACK_EOL_MAGIC);
   EXPECT_EQ(gatherer.result(), 0);
+}
+
+TEST_F(SoundDialogue, ATapeHostThatCameForAnotherJobIsNotServed) {
+  offer({file});
+  Gatherer::Options options;
+  options.before = [] { net::expectRequest(7, 0); };
+  for (const char *line : {"Job 8 0\n", "Job 7 1700000000\n"}) {
+    clearLogs();
+    Gatherer gatherer(home, list, options);
+    gatherer.say(line);
+    EXPECT_TRUE(gatherer.atEnd()) << line;
+    EXPECT_EQ(gatherer.result(), -1) << line;
+    EXPECT_NE(statusLog().find("this gatherer was started for job 7 since 0\n"), std::string::npos);
+  }
+}
+
+TEST_F(SoundDialogue, ATapeHostThatNamesItsJobIsServed) {
+  offer({file});
+  Gatherer::Options options;
+  options.before = [] { net::expectRequest(7, 0); };
+  Gatherer gatherer(home, list, options);
+  gatherer.say("Job 7 0\n");
+  EXPECT_EQ(netsupport::name(gatherer.next()), file);
+  gatherer.say("Quit\n");
+  EXPECT_EQ(gatherer.result(), 0);
+}
+
+TEST_P(DialogueBoth, ATapeHostThatNamesItsJobIsUnderstoodEverywhere) {
+  offer({file});
+  Gatherer gatherer(home, list);
+  gatherer.say("Job 7 0\n");
+  EXPECT_EQ(netsupport::name(gatherer.next()), file);
+  gatherer.say("Quit\n");
+  EXPECT_EQ(gatherer.result(), 0);
+}
+
+TEST_F(SoundDialogue, ATapeHostThatNeverConnectsFreesThePortSoon) {
+  net::timeouts.greetMs = 150;
+  offer({});
+  Gatherer::Options options;
+  options.connect = false;
+  Gatherer gatherer(home, list, options);
+  EXPECT_EQ(gatherer.result(), -7);
 }
 
 TEST_F(SoundDialogue, AKilledGeneratorIsNoEndOfTheList) {
