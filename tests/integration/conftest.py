@@ -61,3 +61,17 @@ def make_home(tmp_path):
 def fake_home(make_home, fake_module):
     """A home with the fake module, its daemon running."""
     return make_home(module=fake_module).start()
+
+
+@pytest.fixture(scope="session")
+def call_host(tmp_path_factory):
+    """The host that calls the module's functions one by one."""
+    from outside import build_host
+    return build_host(tmp_path_factory.mktemp("callhost") / "callhost")
+
+
+@pytest.fixture
+def outside(call_host, tmp_path):
+    """A home of its own, and the built module to be called on it."""
+    from outside import Host
+    return Host(tmp_path, call_host)
