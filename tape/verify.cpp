@@ -43,6 +43,7 @@ namespace {
 
 constexpr long kMostComplaints = 1000;
 constexpr int kRefreshMs = 500;
+constexpr int kUnreadableBlocks = 100;  // one after the other: then the tape is given up
 
 struct Volume {
   int drive, tape, number;
@@ -115,6 +116,7 @@ class Findings {
     base::File file(fopen(temporary, "we"));
     if (!file) return;
     FILE *out = file.get();
+    fchmod(fileno(out), 0600);  // names of files are as private as the files
     fprintf(out,
             "{\"kind\":\"verify\",\"pid\":%i,\"state\":\"%s\",\"started\":%" PRId64
             ",\"updated\":%" PRId64 ",\"ended\":%" PRId64 ",\"drive\":%i,\"tape\":%i,\"volume\":%i",
@@ -149,6 +151,22 @@ class Lines {
     return true;
   }
 
+  // Goes on behind the next line that matches, and returns how many lines were passed over for it,
+  // the first of which is then in passed. -1, and stays where it is, when there is none within
+  // reach: the list goes on as if the question had not been asked.
+  template <typename Match>
+  long find(const Match &match, std::string *passed) {
+    constexpr long kReach = 100000;
+    long start = file_ ? ftell(file_.get()) : 0;
+    char line[base::kPathMax];
+    for (long count = 0; count < kReach && next(line, sizeof line); count++) {
+      if (match(line)) return count;
+      if (count == 0) *passed = line;
+    }
+    if (file_) fseek(file_.get(), start, SEEK_SET);
+    return -1;
+  }
+
  private:
   base::File file_;
 };
@@ -157,8 +175,9 @@ class Lines {
 struct Reading {
   base::Hash hash;
   bool hashing = false;
-  package header;
+  package header{};
   uint64_t seen = 0;
+  bool awaitsMore() const { return seen < header.size; }
 };
 
 class Verifier {
@@ -170,11 +189,18 @@ class Verifier {
         sums_.next(kind, sizeof kind) && strcmp(kind, "#xxh3-64") == 0 && base::Hash::available();
   }
 
-  void compareCatalog(int tapefd);
+  // Leaves the tape within the catalog copy, or (true) behind its mark.
+  bool compareCatalog(int tapefd);
   void readData(int tapefd);
 
  private:
   bool readPackage(int tapefd);
+  ssize_t readBlock(int tapefd) {
+    block_++;
+    return drive::readBlock(tapefd, data_, sizeof data_);
+  }
+  bool isHeader(ssize_t got) const;  // of the block read last
+  void open(Reading &reading, const package &header);
   bool readSegment(int tapefd, Reading &reading);
   void compareLine(const package &header);
   void compareSum(Reading &reading);
@@ -183,17 +209,20 @@ class Verifier {
   Findings &findings_;
   Lines list_, sums_;
   bool hasSums_ = false;
-  long block_ = 0;
+  char data_[PACK_PIECE];  // the block read last
+  long block_ = 0;         // its number
+  bool ahead_ = false;     // it is a header that is still to be looked at
+  int unreadable_ = 0;     // blocks, one after the other
   std::map<std::string, std::unique_ptr<Reading>> hosts_;
 };
 
-void Verifier::compareCatalog(int tapefd) {
+bool Verifier::compareCatalog(int tapefd) {
   tape::Catalog catalog;
   int volumes = catalog.load(volume_.folder().data());
   int at = (volume_.number - 1) / 2;
   if (volume_.number < 1 || volume_.number % 2 == 0 || at >= volumes) {
     findings_.complain("volume %i is not in the catalog of this tape", volume_.number);
-    return;
+    return false;
   }
   char block[CATLG_FIXED];
   ssize_t got = drive::readBlock(tapefd, block, sizeof block);
@@ -202,99 +231,126 @@ void Verifier::compareCatalog(int tapefd) {
                        got < 0 ? strerror(errno) : "wrong length");
   else if (memcmp(block, &catalog[at], CATLG_FIXED) != 0)
     findings_.complain("the catalog copy on tape differs from the catalog");
+  return got == 0;
+}
+
+// Whether a line of the volume list speaks of a package.
+bool speaksOf(const char *line, const package &header, const char *host, const char *name) {
+  char copy[base::kPathMax];
+  char *field[4];
+  base::copyText(copy, sizeof copy, line);
+  return insplit(field, copy, ':', 3) == 4 && strcmp(field[1], host) == 0 &&
+         strtol(field[2], nullptr, 10) == header.sequence && strcmp(field[3], name) == 0;
 }
 
 void Verifier::compareLine(const package &header) {
-  char line[base::kPathMax];
-  if (!list_.next(line, sizeof line)) {
-    findings_.complain("block %li: %s:%s is not in the volume list, which ends before it", block_,
-                       header.fromhost, header.filename);
-    return;
-  }
-  char *field[4];
   char host[sizeof header.fromhost], name[sizeof header.filename];
   tape::listHost(host, sizeof host, header.fromhost);
   tape::listName(name, sizeof name, header.filename);
-  std::string whole = line;
-  if (insplit(field, line, ':', 3) < 4 || strcmp(field[1], host) != 0 ||
-      strtol(field[2], nullptr, 10) != header.sequence || strcmp(field[3], name) != 0)
-    findings_.complain("block %li: %s:%i:%s on tape, where the volume list says %s", block_, host,
-                       header.sequence, name, whole.c_str());
+  std::string passed;
+  long missing =
+      list_.find([&](const char *line) { return speaksOf(line, header, host, name); }, &passed);
+  if (missing > 0)
+    findings_.complain(
+        "block %li: %li packages of the volume list are not on tape here, from %s on", block_,
+        missing, passed.c_str());
+  if (missing < 0)
+    findings_.complain("block %li: %s:%i:%s is on tape and not in the volume list here", block_,
+                       host, header.sequence, name);
 }
 
 // The lines stand in the order in which files came to their end, which is the order we meet them
-// in.
+// in. What is passed over are files that did not come whole, which was said.
 void Verifier::compareSum(Reading &reading) {
   if (!reading.hashing || reading.seen < reading.header.size) return;
   reading.hashing = false;
-  char line[base::kPathMax], wanted[base::kPathMax];
+  char wanted[base::kPathMax];
   char host[sizeof reading.header.fromhost], name[sizeof reading.header.filename];
   tape::listHost(host, sizeof host, reading.header.fromhost);
   tape::listName(name, sizeof name, reading.header.filename);
   snprintf(wanted, sizeof wanted, "%016" PRIx64 ":%s:%" PRIu64 ":%s", reading.hash.value(), host,
            static_cast<uint64_t>(reading.header.size), name);
   findings_.countDigest();
-  if (!sums_.next(line, sizeof line))
-    findings_.complain("%s:%s has no digest: the digests end before it", host, name);
-  else if (strcmp(line, wanted) != 0)
+  std::string found, passed;
+  auto ofThisFile = [&](const char *line) {
+    const char *at = strchr(line, ':');  // digest:host:size:name
+    size_t length = strlen(host);
+    if (!at || strncmp(at + 1, host, length) != 0 || at[1 + length] != ':') return false;
+    at = strchr(at + 2 + length, ':');
+    if (!at || strcmp(at + 1, name) != 0) return false;
+    found = line;
+    return true;
+  };
+  if (sums_.find(ofThisFile, &passed) < 0)
+    findings_.complain("%s:%s has no digest", host, name);
+  else if (found != wanted)
     findings_.complain("%s:%s: content on tape is not what was backed up (digest %s, written %s)",
-                       host, name, wanted, line);
+                       host, name, wanted, found.c_str());
+}
+
+bool Verifier::isHeader(ssize_t got) const {
+  return got == PACK_SIZE && memcmp(data_, "ZuL!", 4) == 0;
 }
 
 bool Verifier::readSegment(int tapefd, Reading &reading) {
-  char piece[PACK_PIECE];
   for (size_t left = target::segmentLength(reading.header); left > 0;) {
-    size_t used = left < sizeof piece ? left : sizeof piece;
+    size_t used = left < PACK_PIECE ? left : PACK_PIECE;
     ssize_t wanted = static_cast<ssize_t>((used + 511) / 512 * 512);
-    ssize_t got = drive::readBlock(tapefd, piece, sizeof piece);
-    block_++;
+    ssize_t got = readBlock(tapefd);
     if (got != wanted) {
       findings_.complain("block %li: %s:%s breaks off: %s", block_, reading.header.fromhost,
                          reading.header.filename,
                          got < 0    ? strerror(errno)
                          : got == 0 ? "the data ends"
                                     : "a block of another length");
+      // Where the next package begins nothing more is lost.
+      ahead_ = isHeader(got);
       return false;
     }
-    if (reading.hashing) reading.hash.add(piece, used);
+    if (reading.hashing) reading.hash.add(data_, used);
     reading.seen += used;
     left -= used;
   }
   return true;
 }
 
+// Begins, or goes on with, the file of a host that a header belongs to.
+void Verifier::open(Reading &reading, const package &header) {
+  if (header.sequence == 0) {
+    if (reading.awaitsMore())
+      findings_.complain("%s:%s is not complete", header.fromhost, reading.header.filename);
+    reading.hashing = hasSums_ && (header.type == 0 || header.type == 2) && reading.hash.begin();
+    reading.seen = 0;
+  } else if (strcmp(reading.header.filename, header.filename) != 0 ||
+             reading.header.sequence + 1 != header.sequence) {
+    findings_.complain("block %li: package %i of %s:%s does not follow its predecessor", block_,
+                       header.sequence, header.fromhost, header.filename);
+    reading.hashing = false;
+  }
+  reading.header = header;
+}
+
 // False at the end of the data, or where nothing more can be made of it.
 bool Verifier::readPackage(int tapefd) {
-  char raw[PACK_PIECE];
-  ssize_t got = drive::readBlock(tapefd, raw, sizeof raw);
+  ssize_t got = ahead_ ? PACK_SIZE : readBlock(tapefd);
+  ahead_ = false;
   if (got == 0) return false;
-  block_++;
-  if (got != PACK_SIZE || memcmp(raw, "ZuL!", 4) != 0) {
+  if (!isHeader(got)) {
     findings_.complain("block %li: no package begins here: %s", block_,
                        got < 0 ? strerror(errno) : "other data");
-    return got > 0;
+    unreadable_ = got < 0 ? unreadable_ + 1 : 0;
+    return unreadable_ < kUnreadableBlocks;
   }
+  unreadable_ = 0;
   package header;
-  unpackPackage(raw, &header);
-  header.filename[sizeof header.filename - 1] = '\0';
-  header.fromhost[sizeof header.fromhost - 1] = '\0';
+  unpackPackage(data_, &header);
   compareLine(header);
   std::unique_ptr<Reading> &reading = hosts_[header.fromhost];
   if (!reading) reading = std::make_unique<Reading>();
-  if (header.sequence == 0) {
-    if (reading->hashing)
-      findings_.complain("%s:%s is not complete", header.fromhost, reading->header.filename);
-    reading->hashing = hasSums_ && (header.type == 0 || header.type == 2) && reading->hash.begin();
-    reading->seen = 0;
-  } else if (strcmp(reading->header.filename, header.filename) != 0 ||
-             reading->header.sequence + 1 != header.sequence) {
-    findings_.complain("block %li: package %i of %s:%s does not follow its predecessor", block_,
-                       header.sequence, header.fromhost, header.filename);
-    reading->hashing = false;
-  }
-  reading->header = header;
+  open(*reading, header);
   if (!readSegment(tapefd, *reading)) {
     reading->hashing = false;
+    reading->seen = header.size;  // said already
     return true;
   }
   compareSum(*reading);
@@ -307,7 +363,7 @@ void Verifier::readData(int tapefd) {
   while (findings_.problems() < kMostComplaints && readPackage(tapefd)) {
   }
   for (const auto &[host, reading] : hosts_)
-    if (reading->hashing)
+    if (reading->awaitsMore())
       findings_.complain("%s:%s is not complete", host.c_str(), reading->header.filename);
   char line[base::kPathMax];
   if (!list_.there()) findings_.complain("the volume list %s is missing", volume_.file("").c_str());
@@ -335,8 +391,8 @@ bool verify(const Volume &volume, char *device) {
       findings.complain("the drive %s cannot be opened: %s", device, strerror(errno));
       return findings.conclude();
     }
-    verifier.compareCatalog(drive.get());
-    if (drive::operate(drive.get(), MTFSF, 1) != 0)
+    bool atData = verifier.compareCatalog(drive.get());
+    if (!atData && drive::operate(drive.get(), MTFSF, 1) != 0)
       findings.complain("the data of the volume cannot be reached: %s", strerror(errno));
     else
       verifier.readData(drive.get());

@@ -80,6 +80,12 @@ void listName(char *to, size_t room, const char *name) {
 
 void beginVolume(const char *volumeList, int hosts) {
   endVolume();
+  // What an earlier volume of this number was found to hold says nothing about this one.
+  for (const char *suffix : {".sum", ".verified"}) {
+    char path[base::kPathMax];
+    if (snprintf(path, sizeof path, "%s%s", volumeList, suffix) < static_cast<int>(sizeof path))
+      unlink(path);
+  }
   if (hosts <= 0) return;
   state.hosts = new (std::nothrow) Sending[static_cast<size_t>(hosts)];
   if (!state.hosts) return;
