@@ -14,11 +14,14 @@
 #include "base/log.h"
 #include "base/site.h"
 #include "base/text.h"
+#include "drive/drive.h"
+#include "tape/catalog.h"
 #include "tape/gather.h"
 #include "tape/pending.h"
 #include "tape/progress.h"
 #include "tape/segment.h"
 #include "tape/sync.h"
+#include "tape/tapeio.h"
 #include "tape/volumelist.h"
 
 namespace {
@@ -85,6 +88,7 @@ class BackupJob {
   void releaseConsole();
   int goBehindLast();
   int position();
+  bool tapeHoldsLast(int volume);
   int reconcile(int volume);
   int enterCatalog();
   int openVolumeList();
@@ -202,12 +206,26 @@ int BackupJob::position() {
   return volume;
 }
 
+// Whether the tape file `volume` is the catalog copy of the catalog's last record. A tape from
+// which a failed volume was taken back out still holds it, and looks as if it were the next one's.
+bool BackupJob::tapeHoldsLast(int volume) {
+  tape::Catalog catalog;
+  int volumes = catalog.load(tapeFile("").data());
+  if (volumes < 1 || mtFSF(device_, volume) != 0) return false;
+  tape::OpenDrive open(drive::openDrive(device_, O_RDONLY));
+  char copy[CATLG_FIXED];
+  return open && drive::readBlock(open.get(), copy, sizeof copy) == CATLG_FIXED &&
+         memcmp(copy, &catalog[volumes - 1], CATLG_FIXED) == 0;
+}
+
 // An earlier job was killed between catalog and tape, or could not end its data file. Where the
 // tape can be positioned behind its volume, both tape files are there and what it wrote can be
 // restored; where it cannot, the catalog counts a volume that the tape does not have, and no job
 // could ever write to this tape again.
 int BackupJob::reconcile(int volume) {
-  if (volume >= 0) {
+  if (volume >= 0 && tapeHoldsLast(volume - 2)) {
+    volume = goBehindLast();
+    if (volume < 0) return volume;
     base::print(backuplog,
                 "NOTICE:  An earlier backup to this tape was interrupted; what it wrote is volume "
                 "%i\n",

@@ -620,6 +620,33 @@ TEST_P(KilledBackup, SoundLeavesATapeThatTheNextJobCanUse) {
   });
 }
 
+// The tape still holds a volume that was taken back out of the catalog when a later job is killed
+// between its record and its catalog copy: that old volume must not pass for the new one.
+TEST_F(Backup, SoundAKilledJobsVolumeIsNotMistakenForAnOlderOne) {
+  behave("sound");
+  loadTape();
+  defineJob({"127.0.0.2"});
+  alone([&] {
+    Client alpha("127.0.0.2", std::vector<File>{{"/a", "abc"}});
+    ASSERT_EQ(backup(), 0) << jobLog();
+    std::string folder = path("var/tape/drive.1/tape.0/");
+    std::string catalog = support::readFile(folder + "catalog");
+    support::writeFile(folder + "catalog.Old", "");
+    int64_t created = 1;
+    catalog.replace(offsetof(catlgstru, created), sizeof created,
+                    reinterpret_cast<const char *>(&created), sizeof created);
+    support::writeFile(folder + "catalog", catalog);
+    ASSERT_TRUE(tape::notePending(1, 0, 1));
+  });
+  alone([&] {
+    Client alpha("127.0.0.2", std::vector<File>{{"/b", "bcd"}});
+    EXPECT_EQ(backup(), 0) << jobLog();
+    EXPECT_EQ(history().back().volume, 1);
+    EXPECT_EQ(readTape().size(), 3u);
+    EXPECT_EQ(nextVolume(), 3);
+  });
+}
+
 TEST_F(Backup, ClassicAKilledJobsChildrenLeave) {
   loadTape();
   defineJob({"127.0.0.2"});
