@@ -154,6 +154,15 @@ int siteLength(const char *key, int otherwise) {
   return length < 0 ? otherwise : length;
 }
 
+int siteSeconds(const char *key, int fallback) {
+  const char *value = siteValue(key);
+  char *end;
+  long number = strtol(value, &end, 10);
+  if (end == value || number < 0 || number > 86400) return fallback;
+  if (strcmp(end, "") == 0 || strcmp(end, "s") == 0) return static_cast<int>(number);
+  return strcmp(end, "m") == 0 && number <= 1440 ? static_cast<int>(number * 60) : fallback;
+}
+
 void forgetSite() {
   loaded = false;
   memset(areaSound, 0, sizeof areaSound);

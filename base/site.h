@@ -17,6 +17,9 @@ bool sound(Area area);
 // until the site file is read again.
 const char *siteValue(const char *key);
 
+// A value that is a time, in seconds: "300", "300s", "5m". fallback when it is not set or no time.
+int siteSeconds(const char *key, int fallback);
+
 // Such a value as a length of time in milliseconds ("10s", "250ms", "2m"); otherwise when it is not
 // set or none.
 int siteLength(const char *key, int otherwise);

@@ -18,11 +18,11 @@ def symbols(*options):
 
 def declared():
     names = set()
-    for header in ("module.h", "net.h", "tape.h", "replication.h"):
+    for header in ("module.h", "net.h", "tape.h", "replication.h", "mrepl.h", "fanout.h"):
         with open(os.path.join(ROOT, "include", "zul", header)) as handle:
             for line in handle:
                 if line.startswith("ZUL_API "):
-                    names.add(re.match(r"ZUL_API [^(;]*?\**(\w+)\s*[(;]", line).group(1))
+                    names.add(re.match(r"ZUL_API [^(;]*?\**(\w+)\s*[(;\[]", line).group(1))
     return names
 
 
@@ -67,6 +67,7 @@ def test_does_nothing_at_load_time():
 def test_headers_are_plain_c(tmp_path):
     source = tmp_path / "headers.c"
     source.write_text("#include <zul/host.h>\n#include <zul/module.h>\n#include <zul/net.h>\n#include <zul/tape.h>\n"
+                      "#include <zul/mrepl.h>\n#include <zul/fanout.h>\n"
                       "int main(void) { return sizeof(package) == 520 ? 0 : 1; }\n")
     subprocess.run(["gcc", "-std=c11", "-Wall", "-Wextra", "-Werror", f"-I{ROOT}/include", "-o", tmp_path / "headers",
                     source], check=True)
