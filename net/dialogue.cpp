@@ -60,7 +60,8 @@ struct Dialogue {
   Source source;                 // the current file
   bool described;                // source holds the answer to a "Next"
   bool asked;                    // and a "Get" followed
-  bool strict;                   // a replication that ends with its peer: see prepare
+  bool ends;                     // with its peer, and not when the timer says so
+  bool strict;                   // a replication, which bears with less: see prepare
   int silenceMs;                 // after which such a peer counts as lost
   char directory[kNameMax + 1];  // the last directory that was offered
 };
@@ -89,7 +90,7 @@ ssize_t readCommand(char *line) {
   ssize_t count;
   memset(line, 0, kCommandMax);
   while ((count = readnline(dialogue.sd, line, kCommandMax)) == 0) {
-    if (dialogue.strict) return kPeerLost;
+    if (dialogue.ends) return kPeerLost;
     base::pauseFor(base::Pause::EmptyRead);
   }
   return count < 0 ? count : 0;
@@ -246,16 +247,18 @@ int obey(const char *line) {
   return kGoOn;
 }
 
-// Whether a peer of whom nothing can be read any more ends the dialogue. Left to the timer, a
-// target that died keeps its place among those that are served at once, and one that is silent
+// Whether a peer of whom nothing can be read any more ends the dialogue. Left to the timer, the
+// gatherer of a job that was killed stays for five minutes, and with it its files and its console;
+// a target that died keeps its place among those that are served at once, and one that is silent
 // keeps it for ever.
 bool isLost(ssize_t result, long long heardMs) {
-  if (!dialogue.strict || result == 0) return false;
+  if (!dialogue.ends || result == 0) return false;
   if (result != kReadTimedOut) {
-    note("ERROR:  The target closed the connection before the end of the list\n");
+    note("ERROR:  The %s closed the connection before the end of the list\n",
+         dialogue.repmode ? "target" : "tape host");
     return true;
   }
-  if (base::nowMs() - heardMs < dialogue.silenceMs) return false;
+  if (!dialogue.strict || base::nowMs() - heardMs < dialogue.silenceMs) return false;
   note("ERROR:  The target has said nothing for %i s\n", dialogue.silenceMs / 1000);
   return true;
 }
@@ -322,7 +325,8 @@ int prepare(int repmode, int sd, const char *path, char **transforms) {
   dialogue.source.fd = -1;
   dialogue.source.pinned = base::sound(base::Area::stream);
   dialogue.repmode = repmode;
-  dialogue.strict = repmode && base::sound(base::Area::stream);
+  dialogue.ends = base::sound(base::Area::stream);
+  dialogue.strict = repmode && dialogue.ends;
   if (dialogue.strict) {
     dialogue.silenceMs = base::siteLength("replication.silence", timeouts.stepMs);
     // The single waits must not be longer than all of it.
