@@ -41,28 +41,32 @@ bool peerOf(int sd, in6_addr *address) {
          plainAddress(peer, address);
 }
 
-// 1 ready, 0 the limit has passed, -1 failure. endMs of -1: no limit.
-int waitForConnection(int listening, long long endMs) {
+// 1 ready, 0 the limit has passed, -1 failure, or the peer of console (-1: none) is gone. endMs of
+// -1: no limit.
+int waitForConnection(int listening, int console, long long endMs) {
   long long left = endMs < 0 ? -1 : endMs - base::nowMs();
   if (endMs >= 0 && left <= 0) return 0;
-  pollfd asked{listening, POLLIN, 0};
-  int ready = poll(&asked, 1, static_cast<int>(left));
-  return ready < 0 && errno == EINTR ? 1 : ready;
+  pollfd asked[2] = {{listening, POLLIN, 0}, {console, POLLRDHUP, 0}};
+  int ready = poll(asked, 2, static_cast<int>(left));
+  if (ready < 0 && errno == EINTR) return 1;
+  return ready > 0 && !(asked[0].revents & POLLIN) ? -1 : ready;
 }
 
 }  // namespace
 
-int acceptPeer(int listening, int limitMs) {
+int acceptPeer(int listening, int limitMs, bool whileAsked) {
   bool anyone = !base::sound(base::Area::security);
   in6_addr expected;
   if (!anyone && !peerOf(0, &expected)) {
     note("ERROR:  The console's peer is unknown: no data connection can be accepted\n");
     return -1;
   }
+  in6_addr asking;
+  int console = whileAsked && peerOf(0, &asking) ? 0 : -1;
   long long endMs = limitMs < 0 ? -1 : base::nowMs() + limitMs;
   in6_addr refused = {};
   for (;;) {
-    if (waitForConnection(listening, endMs) <= 0) return -1;
+    if (waitForConnection(listening, console, endMs) <= 0) return -1;
     int sd = accept4(listening, nullptr, nullptr, SOCK_CLOEXEC);
     // A connection that was gone before it could be taken says nothing about the next one.
     if (sd < 0 && (errno == EINTR || errno == ECONNABORTED || errno == EAGAIN)) continue;

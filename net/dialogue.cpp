@@ -238,7 +238,8 @@ int obey(const char *line) {
   } else if (strncmp(line, "Idle", 4) == 0) {
     base::pauseFor(base::Pause::Idle);
   } else if (dialogue.repmode && isFailure(line)) {
-    noteFailure(line, dialogue.source.path);
+    noteFailure(line, dialogue.source.path, dialogue.asked);
+    dialogue.asked = true;
   } else if (strncmp(line, "Job ", 4) == 0 && base::sound(base::Area::stream)) {
     return isExpected(line) ? kGoOn : -1;
   } else {

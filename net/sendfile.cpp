@@ -11,6 +11,7 @@
 
 #include "base/pause.h"
 #include "base/site.h"
+#include "net/delivery.h"
 #include "net/gatherer.h"
 #include "net/stream.h"
 #include "net/timeouts.h"
@@ -63,6 +64,7 @@ bool writeOut(Transfer *transfer, const void *data, size_t n) {
   size_t done;
   bool all = writeBoth(transfer->sd, transfer->head, headBytes, data, n, &done);
   transfer->sent += static_cast<long>(done);
+  countUp(&delivery()->bytes, done);
   if (done >= headBytes) transfer->headDue = false;
   return all;
 }

@@ -1,8 +1,10 @@
-// TCP replication as the rest of the module sees it.
+// What the front end asks about replication jobs.
 #pragma once
 
-// Runs a replication job in this process; job is a decimal text. 0, or negative.
-int replicate(const char *job);
-// Receives a replication: creates the files below destination under a conflict mode. 0, or
-// negative.
-int replicateIt(char *destination, int conflict);
+namespace replication {
+
+// True while a driver of the job is at work on this host. Always false without the remedies of the
+// area receive: then nothing keeps two of them apart.
+bool isRunning(int job);
+
+}  // namespace replication

@@ -59,6 +59,12 @@ struct State {
   char error[512];
 } state = {"", -1, "", -1, nullptr, -1, -1, 0, {}, ""};
 
+void printForRestore(Remark remark, const char *) {
+  base::print(stderr, remark == Remark::timesNotSet ? "Warning cannot set file time \n"
+                                                    : "WARNING:  Cannot create link\n");
+}
+void (*printRemark)(Remark, const char *) = printForRestore;
+
 bool beneathRoot() {
   return base::sound(base::Area::receive);
 }
@@ -280,7 +286,7 @@ int finishPart(const package &header, const char *path) {
   if (fchown(state.fd, header.usrid, header.grpid) != 0 ||
       fchmod(state.fd, header.mode & 07777) != 0)
     return failed(kCannotOwn, "cannot set owner or permissions of", path);
-  if (futimens(state.fd, times) != 0) base::print(stderr, "Warning cannot set file time \n");
+  if (futimens(state.fd, times) != 0) printRemark(Remark::timesNotSet, path);
   // Some file systems find out here that there was no room.
   int fd = state.fd;
   state.fd = -1;
@@ -349,9 +355,13 @@ bool end() {
   return whole;
 }
 
+void setRemarks(void (*print)(Remark remark, const char *path)) {
+  printRemark = print;
+}
+
 void setTimesOf(const package &header, const char *path) {
   Place place{AT_FDCWD, path, 0, {}};
-  if (setTimes(place, header) != 0) base::print(stderr, "Warning cannot set file time \n");
+  if (setTimes(place, header) != 0) printRemark(Remark::timesNotSet, path);
 }
 
 int makeDirectory(const package &header, const char *path) {
@@ -372,8 +382,7 @@ int makeLink(const package &header, const char *path, const char *text) {
   Place place;
   if (!locate(path, true, &place)) return failed(kNoParent, "cannot make the parent of", path);
   if (!beneathRoot()) {
-    if (symlinkat(text, place.dir, place.name) != 0)
-      base::print(stderr, "WARNING:  Cannot create link\n");
+    if (symlinkat(text, place.dir, place.name) != 0) printRemark(Remark::linkNotMade, path);
     return 0;
   }
   // As with files: made under another name and renamed, which replaces a file or a link in the way.

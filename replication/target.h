@@ -44,6 +44,11 @@ constexpr int kShortWrite = -11;
 constexpr int kUnfinished = -12;
 const char *lastError();
 
+// What there is to say beside a result. A restore and a replication have their own texts for it;
+// the restore's, on standard error, are in force until setRemarks.
+enum class Remark { timesNotSet, linkNotMade };
+void setRemarks(void (*print)(Remark remark, const char *path));
+
 // Classic: the times of whatever stands at the path; a failure is only a warning.
 void setTimesOf(const package &header, const char *path);
 

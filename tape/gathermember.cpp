@@ -6,7 +6,6 @@
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/file.h>
 #include <sys/wait.h>
 #include <zul/host.h>
 #include <zul/net.h>
@@ -19,6 +18,7 @@
 #include "base/text.h"
 #include "drive/drive.h"
 #include "net/gatherchild.h"
+#include "net/hostlock.h"
 #include "tape/mailbox.h"
 
 namespace tape {
@@ -46,19 +46,13 @@ void Member::assign(const char *host, ipc *slot) {
 }
 
 bool Member::lockHost() {
-  // Beside the mailbox, under a name that no mailbox can have. The child inherits the lock: the
-  // host is free for another job when both are gone.
-  base::HomePath path("tmp/gather.%s.lock", slot_->host);
-  base::Fd lock(open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
-  if (lock && flock(lock.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
-    if (!noted_)
-      base::print(backuplog, "NOTICE:  %s is being gathered by another job, waiting for it\n",
-                  slot_->host);
-    noted_ = true;
-    return false;
-  }
-  lock_ = static_cast<base::Fd &&>(lock);
-  return true;
+  // The child inherits the lock: the host is free for another job when both are gone.
+  if (net::lockHost(slot_->host, &lock_)) return true;
+  if (!noted_)
+    base::print(backuplog, "NOTICE:  %s is being gathered by another job, waiting for it\n",
+                slot_->host);
+  noted_ = true;
+  return false;
 }
 
 bool Member::start(const GatherRun &run, Member *all, int count, int number) {

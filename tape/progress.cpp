@@ -1,4 +1,4 @@
-// Writes the progress record of a backup job. Runs in the job process.
+// Writes the progress record of a job. Runs in the job process.
 #include "tape/progress.h"
 
 #include <inttypes.h>
@@ -47,7 +47,11 @@ JobProgress::~JobProgress() {
 }
 
 void JobProgress::begin(int job, const char *name, int level, time_t started) {
-  path_ = base::HomePath("var/tape/jobids/%i.status.progress", job);
+  char file[48];
+  snprintf(file, sizeof file, "%s%i.stat%s", replication_ ? "replicate." : "", job,
+           replication_ ? "" : "us");
+  path_ = base::HomePath("var/tape/jobids/%s.progress", file);
+  temporary_ = base::HomePath("var/tape/jobids/%s.progress.new", file);
   begun_ = true;
   job_ = job;
   level_ = level;
@@ -55,6 +59,11 @@ void JobProgress::begin(int job, const char *name, int level, time_t started) {
   started_ = started;
   begunMs_ = base::nowMs();
   write();
+}
+
+void JobProgress::beginReplication(int job, const char *name, time_t started) {
+  replication_ = true;
+  begin(job, name, 0, started);
 }
 
 void JobProgress::setTape(int drive, int tape, int volume) {
@@ -93,6 +102,14 @@ void JobProgress::addPackage(int at, bool newFile, uint64_t bytes) {
   bytes_ += bytes;
 }
 
+void JobProgress::setCounts(int at, uint64_t files, uint64_t bytes) {
+  HostProgress &target = host(at);
+  files_ += files - target.files;
+  bytes_ += bytes - target.bytes;
+  target.files = files;
+  target.bytes = bytes;
+}
+
 bool JobProgress::refresh() {
   if (base::nowMs() - writtenMs_ < kRefreshMs) return false;
   write();
@@ -116,21 +133,28 @@ bool JobProgress::anyHostFailed() const {
   return false;
 }
 
+// What a backup has and a replication has not.
+void JobProgress::writeKind(FILE *out) {
+  if (replication_) return;
+  fprintf(out, ",\"drive\":%i,\"tape\":%i,\"volume\":%i,\"level\":%i", drive_, tape_, volume_,
+          level_);
+}
+
 void JobProgress::write() {
   if (!begun_) return;
   writtenMs_ = base::nowMs();
-  base::HomePath temporary("var/tape/jobids/%i.status.progress.new", job_);
-  base::File file(fopen(temporary, "we"));
+  base::File file(fopen(temporary_, "we"));
   if (!file) return;
   FILE *out = file.get();
   // The record tells what a site keeps and how much of it; files of jobs are for their owner.
   fchmod(fileno(out), 0600);
-  fprintf(out, "{\"kind\":\"backup\",\"job\":%i,\"name\":", job_);
+  fprintf(out, "{\"kind\":\"%s\",\"job\":%i,\"name\":", replication_ ? "replication" : "backup",
+          job_);
   base::writeJsonText(out, name_);
   fprintf(out, ",\"pid\":%i,\"state\":\"%s\",\"started\":%" PRId64 ",\"updated\":%" PRId64,
           getpid(), state_, static_cast<int64_t>(started_), static_cast<int64_t>(time(nullptr)));
-  fprintf(out, ",\"ended\":%" PRId64 ",\"drive\":%i,\"tape\":%i,\"volume\":%i,\"level\":%i",
-          static_cast<int64_t>(ended_), drive_, tape_, volume_, level_);
+  fprintf(out, ",\"ended\":%" PRId64, static_cast<int64_t>(ended_));
+  writeKind(out);
   fprintf(out, ",\"files\":%" PRIu64 ",\"bytes\":%" PRIu64 ",\"rate\":%" PRIu64, files_, bytes_,
           bytesPerSecond(bytes_, begunMs_, endedMs_ ? endedMs_ : writtenMs_));
   fprintf(out, ",\"expectedBytes\":%" PRIu64 ",\"result\":", expected_);
@@ -146,7 +170,7 @@ void JobProgress::write() {
     writeHost(out, hosts_[at], writtenMs_);
   }
   fputs("]}\n", out);
-  if (!file.close() || rename(temporary, path_) != 0) unlink(temporary);
+  if (!file.close() || rename(temporary_, path_) != 0) unlink(temporary_);
 }
 
 }  // namespace tape

@@ -1,7 +1,9 @@
-// The machine-readable record of a running job: one JSON object in "<status file>.progress", which
+// The machine-readable record of a backup or a replication: one JSON object in "<status
+// file>.progress", which
 // a follower may read at any moment. docs/formats/progress.md has its fields.
 #pragma once
 #include <stdint.h>
+#include <stdio.h>
 #include <sys/types.h>
 #include <time.h>
 
@@ -32,6 +34,8 @@ class JobProgress {
 
   // From here on there is a record.
   void begin(int job, const char *name, int level, time_t started);
+  // The same for a replication.
+  void beginReplication(int job, const char *name, time_t started);
   void setTape(int drive, int tape, int volume);
   void setExpected(uint64_t bytes) { expected_ = bytes; }
   // Room for so many hosts; what is known of as many already stays. Without memory for them the
@@ -42,6 +46,8 @@ class JobProgress {
   HostProgress &host(int at);
   void hostChanged(int at, HostState state, const char *error = "");
   void addPackage(int at, bool newFile, uint64_t bytes);
+  // What a member has altogether.
+  void setCounts(int at, uint64_t files, uint64_t bytes);
 
   // Writes the record when the last one is half a second old. True when that time had come.
   bool refresh();
@@ -51,8 +57,11 @@ class JobProgress {
 
  private:
   void write();
+  void writeKind(FILE *out);
 
+  bool replication_ = false;
   base::HomePath path_{"%s", ""};
+  base::HomePath temporary_{"%s", ""};
   bool begun_ = false;
   int job_ = 0;
   int level_ = 0;

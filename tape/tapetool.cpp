@@ -13,10 +13,12 @@
 #include <zul/host.h>
 #include <zul/module.h>
 #include <zul/net.h>
+#include <zul/replication.h>
 #include <zul/tape.h>
 
 #include "base/log.h"
 #include "base/process.h"
+#include "base/site.h"
 #include "base/text.h"
 #include "replication/replicate.h"
 #include "tape/verify.h"
@@ -213,7 +215,13 @@ int tapeBackup(char *rest) {
 }
 
 int goReplicate(const char *rest) {
-  base::HomePath path("var/tape/jobids/replicate.%i.stat", base::decimal(rest));
+  int job = base::decimal(rest);
+  // Its status file would be emptied under the job.
+  if (replication::isRunning(job)) {
+    base::print(stderr, "ERROR:  Replication job# %i is running already\n", job);
+    return -1;
+  }
+  base::HomePath path("var/tape/jobids/replicate.%i.stat", job);
   closeStatus();
   base::print(stderr, "Creating a replication process.\n");
   base::print(stderr, "See the replication logs for status:  %s\n", path.c_str());
@@ -221,6 +229,8 @@ int goReplicate(const char *rest) {
   if (mkDaemon() != 0) return -1;
   if (!openStatus(path, "w", _IONBF)) return -2;
   if (replicate(rest) >= 0) return 0;
+  // A job that is not in the store has its log closed.
+  if (backuplog == stderr) openStatus(path, "a", _IONBF);
   base::print(backuplog, "ERROR:  ZUL network file gatherer error\n");
   return -1;
 }
@@ -248,11 +258,18 @@ int goRepclnt(char *rest) {
   }
   // The initiator reads this line before anything else and switches its own encryption by it.
   base::print(stderr, "Rep Flags=");
-  if ((base::decimal(words.word[2]) & 2) != 0 && hasScram()) {
+  bool wanted = (base::decimal(words.word[2]) & 2) != 0;
+  if (wanted && hasScram()) {
     base::print(stderr, "e\n");
     shouldEncrypt(1);
   } else {
     base::print(stderr, "n\n");
+    // Files that are not to be seen by anybody would come in clear.
+    if (wanted && base::sound(base::Area::security)) {
+      base::print(stderr,
+                  "ERROR:  Encryption is asked for, and there is no key or no library here\n");
+      return -1;
+    }
   }
   if (replicateIt(words.word[0], base::decimal(words.word[1])) >= 0) return 0;
   base::print(stderr, "ERROR:  ZUL restore/replication client error\n");

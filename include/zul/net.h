@@ -75,7 +75,8 @@ ZUL_API int mkFlist(int reqid, int since);
 ZUL_API int mkServerSD(void);
 /* Answers Next, Get, Idle and Quit. repmode 0: sd listens and one connection is accepted; else sd
  * is connected and headers pass through permctrl. transforms: prefix, replacement pairs ended by a
- * null. 0 done; -1 timer or list, -3 header, -4 packing, -7 time-out. */
+ * null. 0 done; -1 timer or list, -3 header, -4 packing, -7 time-out, -8
+ * (replication, sound) the peer is gone. */
 ZUL_API int servHandshak(int repmode, int sd, const char *path, char **transforms);
 /* The next path of a request list, in a buffer of its own that the next call reuses; null at the
  * end. */

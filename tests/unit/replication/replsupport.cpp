@@ -1,0 +1,240 @@
+// Plays target hosts for the replication tests, in child processes. Runs in the tests' processes.
+#include <arpa/inet.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "repltest.h"
+
+namespace repltest {
+
+package headerOf(const std::string &name, int type, uint64_t size, int sequence) {
+  package header;
+  memset(static_cast<void *>(&header), 0, sizeof header);
+  header.magic = PACK_MAGIC;
+  header.type = static_cast<uint8_t>(type);
+  strncpy(header.filename, name.c_str(), sizeof header.filename - 1);
+  strcpy(header.fromhost, "sender");
+  header.usrid = getuid();
+  header.grpid = getgid();
+  header.mode = type == 1 ? S_IFDIR | 0750 : S_IFREG | 0640;
+  header.mtime = 1000000000;
+  header.atime = 1000000001;
+  header.size = size;
+  header.sequence = sequence;
+  header.unused1 = header.unused2 = PACK_FILLER;
+  return header;
+}
+
+std::string packed(package header) {
+  std::string raw(PACK_SIZE, '\0');
+  packPackage(raw.data(), &header);
+  return raw;
+}
+
+std::string framed(const package &header, const std::string &data, bool trailing) {
+  std::string stream;
+  package repeat = header;
+  for (size_t at = 0; at <= data.size(); at += PACK_CHUNK, repeat.sequence++) {
+    if (at > 0 && at == data.size() && !trailing) break;
+    stream += packed(repeat) + data.substr(at, PACK_CHUNK);
+    if (header.type != 0) break;
+  }
+  return stream;
+}
+
+std::string endOfList() {
+  package end{};
+  end.magic = PACK_EOL_MAGIC;
+  return packed(end);
+}
+
+std::string pattern(size_t size, unsigned seed) {
+  std::string bytes(size, '\0');
+  for (char &byte : bytes) {
+    seed = seed * 1103515245 + 12345;
+    byte = static_cast<char>(seed >> 16 | 1);
+  }
+  return bytes;
+}
+
+int count(const std::string &text, const std::string &part) {
+  int found = 0;
+  for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; at += part.size()) found++;
+  return found;
+}
+
+static int listenAt(const std::string &address, int port) {
+  int sd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  int on = 1;
+  setsockopt(sd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  sockaddr_in at{};
+  at.sin_family = AF_INET;
+  at.sin_port = htons(static_cast<uint16_t>(port));
+  inet_pton(AF_INET, address.c_str(), &at.sin_addr);
+  if (bind(sd, reinterpret_cast<sockaddr *>(&at), sizeof at) != 0 || listen(sd, 64) != 0) abort();
+  return sd;
+}
+
+static std::string receiveLine(int sd) {
+  std::string line;
+  char c;
+  while (recv(sd, &c, 1, 0) == 1) {
+    line += c;
+    if (c == '\n') break;
+  }
+  return line;
+}
+
+// One request of the sending host.
+static void playRequest(int sd, const std::string &address, const std::string &folder,
+                        const TargetHost::Play &play) {
+  std::string line = receiveLine(sd);
+  int log = open((folder + "/" + address + ".asked").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+  (void)!write(log, line.data(), line.size());
+  close(log);
+  send(sd, play.reply.data(), play.reply.size(), MSG_NOSIGNAL);
+  char destination[256] = "";
+  int conflict = 0, flags = 0;
+  sscanf(line.c_str(), "TAPE repclnt %255s %i %i", destination, &conflict, &flags);
+  if (!play.destination.empty())
+    snprintf(destination, sizeof destination, "%s", play.destination.c_str());
+  int status = 1;
+  if (play.listens) {
+    int listening = listenAt(address, ZULSRV_PORT);
+    // The receiver's complaints go to the console, as an agent relays them.
+    dup2(sd, 0);
+    dup2(sd, 2);
+    if (play.receive) {
+      status = play.receive(listening);
+      close(listening);
+    } else {
+      status = repHandShk(listening, destination, conflict) == 0 ? 0 : 1;
+    }
+  }
+  std::string end = "ZuL_DoNe. " + std::to_string(status) + "\n";
+  if (play.tellsEnd) send(sd, end.data(), end.size(), MSG_NOSIGNAL);
+  shutdown(sd, SHUT_RDWR);
+}
+
+TargetHost::TargetHost(const std::string &address, const std::string &folder, const Play &play) {
+  int console = listenAt(address, ZUL_PORT);
+  fflush(nullptr);
+  pid_ = fork();
+  if (pid_ != 0) {
+    close(console);
+    return;
+  }
+  setpgid(0, 0);
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  signal(SIGCHLD, SIG_IGN);
+  backuplog = fopen((folder + "/" + address + ".log").c_str(), "we");
+  setvbuf(backuplog, nullptr, _IONBF, 0);
+  for (;;) {
+    int sd = accept4(console, nullptr, nullptr, SOCK_CLOEXEC);
+    if (sd < 0) continue;
+    if (fork() == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      playRequest(sd, address, folder, play);
+      _exit(0);
+    }
+    close(sd);
+  }
+}
+
+TargetHost::~TargetHost() {
+  kill(-pid_, SIGKILL);
+  kill(pid_, SIGKILL);
+  waitpid(pid_, nullptr, 0);
+}
+
+void ReplicationTest::SetUp() {
+  HomeTest::SetUp();
+  behave("classic");
+}
+
+void ReplicationTest::behave(const std::string &behaviour, const std::string &more) {
+  // Without the stream remedies a list is read once: it has to be there before.
+  site("behaviour = " + behaviour + "\nbehaviour.security = classic\npause.list-start = 1ms\n" +
+       (behaviour == "classic" ? "pause.list-grace = 150ms\npause.receiver-start = 50ms\n"
+                                 "pause.receiver-ready = 5ms\npause.replicate-start = 5ms\n"
+                                 "pause.replicate-poll = 10ms\n"
+                               : "") +
+       more);
+}
+
+void ReplicationTest::defineJob(const std::vector<std::string> &hosts,
+                                const std::string &destination, const std::string &conflict,
+                                const std::string &policy) {
+  std::string members;
+  for (const std::string &host : hosts) members += (members.empty() ? "" : ",") + host;
+  if (!hosts.empty()) support::writeFile(path("var/tape/jobids/group"), "3:" + members + ":all\n");
+  unlink(path("var/tape/jobids/repljobs").c_str());
+  std::string text = "5:3:" + conflict + ":" + policy + ":reserved:" + destination + ":copy";
+  std::vector<char> writable(text.begin(), text.end());
+  writable.push_back('\0');
+  ASSERT_EQ(addRepids(writable.data()), 0);
+}
+
+void ReplicationTest::offer(const std::vector<std::string> &paths) {
+  std::string lines;
+  for (const std::string &each : paths) lines += each + "\n";
+  support::writeFile(path("var/tape/jobids/5"), lines);
+}
+
+void ReplicationTest::alone(const std::function<void()> &body, int limitSeconds) {
+  int status = support::inChild(
+      [&] {
+        if (!support::ownNetwork()) return 99;
+        body();
+        return HasFailure() ? 1 : 0;
+      },
+      limitSeconds);
+  EXPECT_EQ(support::exitOf(status), 0);
+}
+
+pid_t ReplicationTest::start(const std::string &job) {
+  fflush(nullptr);
+  pid_t pid = fork();
+  if (pid != 0) return pid;
+  // Its own process group, so that a test can end it with its children.
+  setpgid(0, 0);
+  backuplog = fopen(path("var/tape/jobids/replicate.5.stat").c_str(), "w");
+  setvbuf(backuplog, nullptr, _IONBF, 0);
+  FILE *console = fopen(path("tmp/console").c_str(), "w");
+  dup2(fileno(console), 2);
+  int result = replicate(job.c_str());
+  support::writeFile(path("tmp/result"), std::to_string(result));
+  fflush(nullptr);
+  _exit(0);
+}
+
+int ReplicationTest::await(pid_t pid, int limitSeconds) {
+  int status = 0;
+  bool ended = support::eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; },
+                                   limitSeconds * 1000);
+  if (!ended) {
+    ADD_FAILURE() << "the job still runs after " << limitSeconds << " s:\n" << jobLog();
+    kill(-pid, SIGKILL);
+    waitpid(pid, &status, 0);
+    return 12345;
+  }
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+    ADD_FAILURE() << "wait status " << status << ": " << console();
+    return 54321;
+  }
+  return atoi(support::readFile(path("tmp/result")).c_str());
+}
+
+int ReplicationTest::run(const std::string &job, int limitSeconds) {
+  return await(start(job), limitSeconds);
+}
+
+}  // namespace repltest
