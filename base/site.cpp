@@ -137,6 +137,10 @@ void load() {
 
 }  // namespace
 
+const char *areaName(Area area) {
+  return kAreaNames[static_cast<int>(area)];
+}
+
 bool sound(Area area) {
   if (!loaded) load();
   return areaSound[static_cast<int>(area)];

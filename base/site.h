@@ -13,6 +13,9 @@ enum class Area { stream, backup, restore, receive, stores, multicast, security,
 // The site file is read once per process, at the first question.
 bool sound(Area area);
 
+// The area as the site file writes it.
+const char *areaName(Area area);
+
 // A value of its own, such as "multicast.sender"; an empty text when it is not set. The text lives
 // until the site file is read again.
 const char *siteValue(const char *key);

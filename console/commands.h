@@ -10,6 +10,7 @@
 #include "console/connection.h"
 #include "console/failure.h"
 #include "console/progress.h"
+#include "console/tapehost.h"
 
 namespace console {
 
@@ -56,6 +57,8 @@ Exit showAnswer(const Target &target, const std::string &line);
 
 Exit getFile(const Target &target, const std::string &remote, const std::string &local);
 Exit putFile(const Target &target, const std::string &local, const std::string &remote);
+// A file of the home, over a connection that goes on; a Failure when it cannot be stored.
+void storeFile(Connection &connection, const std::string &remote, const std::string &content);
 
 // --- interactive.cpp ---
 
@@ -83,6 +86,7 @@ struct FollowOptions {
   std::string kind = "backup";  // or "replication", "restore", "verify"
   bool json = false;
   bool plain = false;            // lines, even on a terminal
+  bool silent = false;           // shows nothing: the caller tells the result
   std::optional<int64_t> since;  // only a run that started at or after this time
   int waitSeconds = 30;          // for the run to appear
   RunWanted wanted;              // filled by prepareFollow
@@ -91,6 +95,24 @@ struct FollowOptions {
 // mistaken.
 FollowOptions prepareFollow(const Target &target, const std::string &kind, const std::string &job);
 Exit followJob(const FollowOptions &options);
+
+// --- restore.cpp, verify.cpp ---
+
+struct RestoreOptions {
+  Target target;
+  VolumeOptions volume;
+  std::string from, to, into = "/", conflict = "keep-both";
+  std::vector<std::string> paths;
+  bool all = false, yes = false, json = false;
+};
+Exit restoreFiles(const RestoreOptions &options);
+
+struct VerifyOptions {
+  Target target;
+  VolumeOptions volume;
+  bool json = false;
+};
+Exit verifyVolume(const VerifyOptions &options);
 
 // --- users.cpp ---
 

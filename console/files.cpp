@@ -29,16 +29,13 @@ Exit getFile(const Target &target, const std::string &remote, const std::string 
   return Exit::done;
 }
 
-Exit putFile(const Target &target, const std::string &local, const std::string &remote) {
-  std::optional<std::string> content = readWhole(local);
-  if (!content) throw Failure(Exit::failed, "cannot read " + local + ": " + strerror(errno));
-  Connection connection(target);
-  connection.send("HOST put " + remote + " " + std::to_string(content->size()));
+void storeFile(Connection &connection, const std::string &remote, const std::string &content) {
+  connection.send("HOST put " + remote + " " + std::to_string(content.size()));
   std::string text;
   auto collect = [&](std::string_view piece) { text += piece; };
   Outcome outcome = connection.receive(collect, false);
   if (outcome.accepted) {
-    connection.sendBytes(*content);
+    connection.sendBytes(content);
     text.clear();
     outcome = connection.receive(collect, true);
   }
@@ -46,6 +43,13 @@ Exit putFile(const Target &target, const std::string &local, const std::string &
     throw Failure(Exit::noConnection, "the connection ended before " + remote + " was stored");
   if (outcome.status != 0)
     throw Failure(Exit::failed, "cannot put " + remote + ": " + reason(text));
+}
+
+Exit putFile(const Target &target, const std::string &local, const std::string &remote) {
+  std::optional<std::string> content = readWhole(local);
+  if (!content) throw Failure(Exit::failed, "cannot read " + local + ": " + strerror(errno));
+  Connection connection(target);
+  storeFile(connection, remote, *content);
   return Exit::done;
 }
 

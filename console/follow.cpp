@@ -46,6 +46,11 @@ class JsonView : public View {
   std::string last_;
 };
 
+class NoView : public View {
+ public:
+  void show(const Progress &) override {}
+};
+
 class LineView : public View {
  public:
   void show(const Progress &progress) override {
@@ -96,6 +101,7 @@ class ScreenView : public View {
 };
 
 std::unique_ptr<View> chooseView(const FollowOptions &options) {
+  if (options.silent) return std::make_unique<NoView>();
   if (options.json) return std::make_unique<JsonView>();
   const char *terminal = getenv("TERM");
   bool canDraw = isatty(STDOUT_FILENO) == 1 && terminal && std::string(terminal) != "dumb";

@@ -32,6 +32,8 @@ struct CommandLine {
   RequestOptions request;
   FollowOptions follow;
   std::string since;
+  RestoreOptions restore;
+  VerifyOptions verify;
   MakeOptions make;
   std::string drive, cartridge, user, role = "operator", newPasswordFile, remote, local;
   bool json = false, off = false;
@@ -241,6 +243,72 @@ void addReports(CLI::App &app, CommandLine &line) {
   }
 }
 
+void addVolume(CLI::App &command, VolumeOptions &volume) {
+  command.add_option("--drive", volume.drive, "Number of the drive that wrote the volume")
+      ->type_name("N");
+  command.add_option("--tape", volume.tape, "Number of the tape")->type_name("N");
+  command.add_option("--volume", volume.volume, "Number of the volume on the tape: 1, 3, 5, ...")
+      ->type_name("N");
+  command
+      .add_option("--job", volume.job, "Instead: the newest volume that this backup has written")
+      ->type_name("JOB");
+  command
+      .add_option("--as-of", volume.asOf,
+                  "With --job: not newer than this, like 2026-03-01 or '2026-03-01 17:20'")
+      ->type_name("DATE");
+}
+
+void addTapes(CLI::App &app, CommandLine &line) {
+  CLI::App *restore =
+      add(app, "restore", "Get files back from a tape",
+          "Paths are those that the files had: /etc/passwd, a folder with all below it, a pattern "
+          "like '/etc/*.conf',\n"
+          "each perhaps behind \"host:\"; with a '/' at its end only folders. Without a path, on a "
+          "terminal, you look\n"
+          "around in the volume and pick. Shows a plan and asks; then tells what became of every "
+          "file.\n\n"
+          "Exit status: 0 only when everything that was wanted is restored, or was kept as "
+          "--conflict says.\n\n"
+          "Examples:\n"
+          "  zul restore --job 7 --from alpha --into /srv/back /etc/ '/home/*/.ssh'\n"
+          "  zul restore --job 7 --as-of 2026-03-01 alpha:/srv/www/\n"
+          "  zul restore --drive 1 --tape 4 --volume 3 --from alpha --to beta --all --conflict "
+          "never --yes",
+          line, [&line] {
+            line.restore.target = targetOf(line);
+            return restoreFiles(line.restore);
+          });
+  addVolume(*restore, line.restore.volume);
+  restore->add_option("--from", line.restore.from, "The host whose files they were")
+      ->type_name("NAME");
+  restore->add_option("--to", line.restore.to, "The host that gets them (the one they are from)")
+      ->type_name("NAME");
+  restore
+      ->add_option("--into", line.restore.into, "The folder there that stands for their root (/)")
+      ->type_name("DIR");
+  restore
+      ->add_option("--conflict", line.restore.conflict,
+                   "What is done about a file that is there already (keep-both)")
+      ->check(CLI::IsMember({"keep-both", "if-different", "always", "if-newer", "never"}));
+  restore->add_flag("--all", line.restore.all, "Everything of that host");
+  restore->add_flag("--yes", line.restore.yes, "Do not ask");
+  restore->add_flag("--json", line.restore.json, "For programs: plan and outcomes as JSON");
+  restore->add_option("path", line.restore.paths, "What to restore");
+
+  CLI::App *verify =
+      add(app, "verify", "Read a volume back and compare it with what was written",
+          "Reads every block; compares names with the volume list, and contents with the digests "
+          "of the backup.\n"
+          "Nothing is restored. Exit status 0 only when the volume is whole.\n\n"
+          "Example:\n  zul verify --job 7",
+          line, [&line] {
+            line.verify.target = targetOf(line);
+            return verifyVolume(line.verify);
+          });
+  addVolume(*verify, line.verify.volume);
+  verify->add_flag("--json", line.verify.json, "For programs: the findings as JSON");
+}
+
 void addVtape(CLI::App &app, CommandLine &line) {
   CLI::App *vtape = app.add_subcommand("vtape", "Virtual tape drives and their cartridges");
   vtape->require_subcommand(1);
@@ -327,6 +395,7 @@ void addEverything(CLI::App &app, CommandLine &line) {
   addHomes(app, line);
   addRequests(app, line);
   addReports(app, line);
+  addTapes(app, line);
   addVtape(app, line);
   addUsers(app, line);
   app.footer(

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "base/fd.h"
+#include "base/site.h"
 #include "host/authorise.h"
 #include "host/files.h"
 #include "host/hostlog.h"
@@ -73,6 +74,16 @@ bool hasSecret() {
   return login::readSecret(std::string(ZULhome) + "/etc/ZULsecret", key, why);
 }
 
+// Where this home behaves soundly. Clients ask before they send what only sound agents understand.
+json soundAreas() {
+  base::forgetSite();  // as it is now: requests read it afresh
+  json areas = json::array();
+  for (int at = 0; at < static_cast<int>(base::Area::kCount); at++)
+    if (base::sound(static_cast<base::Area>(at)))
+      areas.push_back(base::areaName(static_cast<base::Area>(at)));
+  return areas;
+}
+
 int hostStatus(Words words) {
   bool asJson = takeLast(words, "json");
   if (!words.empty()) return badUse("status [json]");
@@ -89,7 +100,8 @@ int hostStatus(Words words) {
                                    {"sessions", facts.shared->sessions.load()},
                                    {"logins", facts.shared->logins.load()},
                                    {"processes", workProcesses().size()},
-                                   {"secret", hasSecret()}};
+                                   {"secret", hasSecret()},
+                                   {"sound", soundAreas()}};
   if (asJson) return answerJson(status);
   std::string text;
   for (const auto &[key, value] : status.items())

@@ -25,7 +25,8 @@ _zul() {
   for ((at = 1; at < COMP_CWORD; at++)); do
     case ${COMP_WORDS[at]} in
       --home | --host | --user | --password-file | --size | --secret | --module | --log | --upload | \
-        --since | --wait | --drive | --role | --new-password-file) ((at++)) ;;
+        --since | --wait | --drive | --role | --new-password-file | --tape | --volume | --job | --as-of | \
+        --from | --to | --into | --conflict) ((at++)) ;;
       -*) ;;
       *) if [[ -z $command ]]; then command=${COMP_WORDS[at]}; elif [[ -z $part ]]; then part=${COMP_WORDS[at]}; fi ;;
     esac
@@ -35,18 +36,23 @@ _zul() {
     --home | --password-file | --secret | --module | --log | --upload | --new-password-file)
       mapfile -t COMPREPLY < <(compgen -f -- "$word"); return ;;
     --role) mapfile -t COMPREPLY < <(compgen -W 'operator viewer' -- "$word"); return ;;
-    --drive) mapfile -t COMPREPLY < <(compgen -W "$(_zul_names drives)" -- "$word"); return ;;
-    --host | --user | --size | --since | --wait) return ;;
+    --conflict)
+      mapfile -t COMPREPLY < <(compgen -W 'keep-both if-different always if-newer never' -- "$word"); return ;;
+    --drive) [[ $command == vtape ]] || return; mapfile -t COMPREPLY < <(compgen -W "$(_zul_names drives)" -- "$word"); return ;;
+    --into) mapfile -t COMPREPLY < <(compgen -d -- "$word"); return ;;
+    --host | --user | --size | --since | --wait | --tape | --volume | --job | --as-of | --from | --to) return ;;
   esac
 
   local words=''
   case $command in
-    '') words='init up down request console get put follow status jobs ps vtape users'
+    '') words='init up down request console get put follow restore verify status jobs ps vtape users'
         [[ $word == -* ]] && words="--version $globals" ;;
     init) words='--classic --force --size --no-drive --secret --module' ;;
     up) words='--log' ;;
     request) words='--follow --upload' ;;
     follow) words='--replication --json --plain --since --wait' ;;
+    restore) words='--drive --tape --volume --job --as-of --from --to --into --conflict --all --yes --json' ;;
+    verify) words='--drive --tape --volume --job --as-of --json' ;;
     status | jobs | ps) words='--json' ;;
     vtape)
       case $part in

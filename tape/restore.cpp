@@ -83,7 +83,10 @@ int makeList(const Request &request, base::HomePath *list) {
     }
     base::print(stderr, "Building restore list\n");
     base::HomePath selection("var/tape/jobids/select.%s", entries + 1);
-    return tape::selectByName(selection, volume, *list);
+    int result = tape::selectByName(selection, volume, *list);
+    // Made by a program for this one restore: nobody else would remove it.
+    if (strncmp(entries + 1, "once.", 5) == 0) unlink(selection);
+    return result;
   }
   if (writeIndex(entries, index) != 0) return -1;
   base::print(stderr, "Building restore list\n");
