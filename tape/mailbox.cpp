@@ -111,10 +111,18 @@ void giveUpHost(ipc *slot) {
   base::wakeWord(&slot->pst.flags);
 }
 
+// Also for a mailbox that holds less than was announced: nothing could be written then either.
+void tapeNotWritten(int error, ssize_t written) {
+  base::print(backuplog, "ERROR:  8321  Fatal error.  Can't write to tape.  errno=%i, retval=%li\n",
+              error, static_cast<long>(written));
+}
+
 Copy copyHeader(ipc *slot, int tapefd, Copied &copied) {
   char header[PACK_SIZE];
   ssize_t got = readMailbox(slot->fd, header, sizeof header);
   if (got <= 0) {
+    copied.error = errno;
+    tapeNotWritten(copied.error, -1);
     giveUpHost(slot);
     return Copy::mailboxShort;
   }
@@ -144,9 +152,7 @@ Copy copyData(ipc *slot, int tapefd, uint64_t chunk, Copied &copied) {
     ssize_t written = got <= 0 ? -1 : writeTape(tapefd, piece, block);
     if (got <= 0 || static_cast<size_t>(written) != block) {
       copied.error = errno;
-      base::print(backuplog,
-                  "ERROR:  8321  Fatal error.  Can't write to tape.  errno=%i, retval=%li\n",
-                  copied.error, static_cast<long>(written));
+      tapeNotWritten(copied.error, written);
       giveUpHost(slot);
       return got <= 0 ? Copy::mailboxShort : Copy::dataFailed;
     }

@@ -3,7 +3,6 @@
 The console's ports are fixed, so the whole run moves into a network namespace of its own, where they are free
 whatever else the machine does. No privilege is needed for that.
 """
-import ctypes
 import os
 import subprocess
 import sys
@@ -13,20 +12,7 @@ import pytest
 FOLDER = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, FOLDER)
 
-CLONE_NEWUSER, CLONE_NEWNET = 0x10000000, 0x40000000
-
-
-def enter_own_network():
-    libc = ctypes.CDLL(None, use_errno=True)
-    uid, gid = os.getuid(), os.getgid()
-    if libc.unshare(CLONE_NEWNET) != 0:
-        # An ordinary user is root in a user namespace of his own, which is enough for this.
-        if libc.unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0:
-            raise OSError(ctypes.get_errno(), "cannot make a network namespace")
-        for name, text in (("setgroups", "deny"), ("uid_map", f"0 {uid} 1"), ("gid_map", f"0 {gid} 1")):
-            with open(f"/proc/self/{name}", "w") as handle:
-                handle.write(text)
-    subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
+from ownnetwork import enter_own_network  # noqa: E402 (found by the line above)
 
 
 @pytest.fixture(scope="session", autouse=True)

@@ -102,10 +102,13 @@ class Said:
     def results(self):
         return self.read("results").splitlines()
 
+    def result_of(self, call):
+        """The number that a call returned."""
+        return int(self.results[call].split()[1])
+
     @property
     def result(self):
-        """The number that the last call returned."""
-        return int(self.results[-1].split()[1])
+        return self.result_of(-1)
 
 
 class Host:
