@@ -12,6 +12,7 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <signal.h>
+#include <stdint.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
@@ -20,6 +21,7 @@
 
 #include "base/log.h"
 #include "base/process.h"
+#include "base/site.h"
 #include "net/stream.h"
 #include "net/timeouts.h"
 
@@ -179,13 +181,15 @@ bool writeBoth(int fd, const void *head, size_t headBytes, const void *data, siz
     iovec part[2] = {{const_cast<void *>(head), headBytes}, {const_cast<void *>(data), dataBytes}};
     return writeParts(fd, part, done);
   }
-  // A library may seal every call by itself, and its peer opens what was sealed together: the calls
-  // are kept in the pieces the other side reads.
+  // A library may seal every call by itself, and its peer open what was sealed together: classic
+  // keeps the calls in the pieces the other side reads. Ours carries a stream of bytes, and small
+  // calls cost it a third of its speed.
+  size_t most = base::sound(base::Area::stream) ? SIZE_MAX : kEncryptedPiece;
   *done = 0;
   if (headBytes > 0 && writen(fd, head, headBytes) != static_cast<ssize_t>(headBytes)) return false;
   *done = headBytes;
   for (const char *from = static_cast<const char *>(data); dataBytes > 0;) {
-    size_t piece = dataBytes < kEncryptedPiece ? dataBytes : kEncryptedPiece;
+    size_t piece = dataBytes < most ? dataBytes : most;
     if (writen(fd, from, piece) != static_cast<ssize_t>(piece)) return false;
     from += piece;
     dataBytes -= piece;
