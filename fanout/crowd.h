@@ -31,6 +31,9 @@ struct Limits {
 };
 extern Limits limits;
 
+// This process has put its heading into a result file. Tests begin anew.
+extern bool resultHeaded;
+
 enum class End {
   accepted,    // "TRANSFER OK"
   answered,    // all commands have ended

@@ -15,6 +15,8 @@
 #include "base/process.h"
 #include "base/text.h"
 
+bool fanout::resultHeaded = false;
+
 namespace {
 
 using fanout::End;
@@ -149,7 +151,6 @@ int minimonk(strNode *hosts, char **commands, int job) {
 }
 
 int logHostStatus(int job, int status, hostEntry *entry) {
-  static bool headed;
   base::HomePath path("tmp/mrepl.jobresult.%i", job);
   mode_t kept = umask(0177);
   int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0666);
@@ -161,8 +162,8 @@ int logHostStatus(int job, int status, hostEntry *entry) {
                 path.c_str());
     return -1;
   }
-  if (!headed) fputs(kHeading, file.get());
-  headed = true;
+  if (!fanout::resultHeaded) fputs(kHeading, file.get());
+  fanout::resultHeaded = true;
   time_t now = time(nullptr);
   char when[64] = "\n";
   ctime_r(&now, when);
