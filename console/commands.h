@@ -114,6 +114,12 @@ struct VerifyOptions {
 };
 Exit verifyVolume(const VerifyOptions &options);
 
+// --- key.cpp ---
+
+Exit newKey(const std::string &home, bool force);
+Exit showFingerprint(const std::string &home);
+Exit checkKey(const std::string &home);
+
 // --- users.cpp ---
 
 Exit addUser(const std::string &home, const std::string &name, const std::string &role,

@@ -161,6 +161,8 @@ void report(const InitOptions &options) {
   const std::string &home = options.home;
   std::string text = "Home " + home + " is ready.\n";
   text += "  module   " + home + "/bin/libtape.so\n";
+  if (exists(home + "/bin/libscram.so"))
+    text += "  cipher   " + home + "/bin/libscram.so, unused until there is a key (zul key new)\n";
   if (!options.noDrive)
     text += "  drive    0, " + std::string(kFirstDrive) + ", virtual, with cartridge \"" +
             kFirstCartridge + "\" of " + sizeText(options.capacity) + "\n";
@@ -185,6 +187,8 @@ Exit initHome(const InitOptions &options) {
   for (const char *folder : kFolders) makeFolder(home + folder, 0700);
   letOperatorsThrough(home);
   copyWhole(module, home + "/bin/libtape.so", 0755);
+  std::string scram = findScram();
+  if (!scram.empty()) copyWhole(scram, home + "/bin/libscram.so", 0755);
   if (complete) {
     printOut("Home " + home + ": folders checked, module brought up to date from " + module + "\n");
     return Exit::done;

@@ -36,7 +36,7 @@ struct CommandLine {
   VerifyOptions verify;
   MakeOptions make;
   std::string drive, cartridge, user, role = "operator", newPasswordFile, remote, local;
-  bool json = false, off = false;
+  bool json = false, off = false, force = false;
 };
 
 uint64_t sizeOf(const std::string &text) {
@@ -376,6 +376,21 @@ void addUsers(CLI::App &app, CommandLine &line) {
       [&line] { return listUsers(localHome(line)); });
 }
 
+void addKey(CLI::App &app, CommandLine &line) {
+  CLI::App *key = app.add_subcommand("key", "The key that encrypts streams between hosts");
+  key->require_subcommand(1);
+  key->footer(
+      "Streams are encrypted when their job asks for it and both hosts have the same key.\n\n"
+      "Example:\n  zul key new && scp -p /var/lib/zul/etc/ZULkey other:/var/lib/zul/etc/ZULkey");
+  CLI::App *make = add(*key, "new", "Make a new key, for all hosts of the site", "", line,
+                       [&line] { return newKey(localHome(line), line.force); });
+  make->add_flag("--force", line.force, "Replace the key that is there");
+  add(*key, "show-fingerprint", "Show what tells keys apart, to compare hosts", "", line,
+      [&line] { return showFingerprint(localHome(line)); });
+  add(*key, "check", "Make sure that this host can encrypt", "", line,
+      [&line] { return checkKey(localHome(line)); });
+}
+
 void addEverything(CLI::App &app, CommandLine &line) {
   app.name("zul");
   app.set_version_flag("--version", "zul " ZUL_VERSION);
@@ -398,6 +413,7 @@ void addEverything(CLI::App &app, CommandLine &line) {
   addTapes(app, line);
   addVtape(app, line);
   addUsers(app, line);
+  addKey(app, line);
   app.footer(
       "First steps:\n"
       "  zul init && zul up                 a home and its daemon\n"

@@ -1,3 +1,5 @@
+// Finds the programs and the module of this installation, and reads and replaces small files of a
+// home. Used by the commands that set a home up or look into it without a daemon.
 #include "console/places.h"
 
 #include <errno.h>
@@ -111,16 +113,26 @@ std::string findDaemon() {
   return found;
 }
 
-std::string findModule() {
+static std::string findLibrary(const std::string &name) {
   std::string folder = ownFolder();
-  for (const char *place : {"/libtape.so", "/../lib/zul/libtape.so", "/../lib/*/zul/libtape.so"}) {
-    std::string found = firstMatch(folder + place);
+  for (const char *place : {"/", "/../lib/zul/", "/../lib/*/zul/"}) {
+    std::string found = firstMatch(folder + place + name);
     if (!found.empty()) return found;
   }
+  return "";
+}
+
+std::string findModule() {
+  std::string found = findLibrary("libtape.so"), folder = ownFolder();
+  if (!found.empty()) return found;
   throw Failure(
       Exit::failed,
       "cannot find the module libtape.so: not in " + folder + " or " + folder + "/../lib/*/zul",
       "Name it with --module FILE.");
+}
+
+std::string findScram() {
+  return findLibrary("libscram.so");
 }
 
 std::optional<std::string> readWhole(const std::string &path) {

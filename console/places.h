@@ -12,6 +12,8 @@ namespace console {
 // installed, for the daemon at last in PATH. Failure when there is none.
 std::string findDaemon();
 std::string findModule();
+// The encryption library, which a site can do without; empty when there is none.
+std::string findScram();
 
 // The content of a file, or nothing with errno set. Not for files of unknown size: the limit is 64
 // MiB.

@@ -45,7 +45,7 @@ _zul() {
 
   local words=''
   case $command in
-    '') words='init up down request console get put follow restore verify status jobs ps vtape users'
+    '') words='init up down request console get put follow restore verify status jobs ps vtape users key'
         [[ $word == -* ]] && words="--version $globals" ;;
     init) words='--classic --force --size --no-drive --secret --module' ;;
     up) words='--log' ;;
@@ -67,6 +67,11 @@ _zul() {
       case $part in
         '') words='add del list' ;;
         add) words='--role --new-password-file' ;;
+      esac ;;
+    key)
+      case $part in
+        '') words='new show-fingerprint check' ;;
+        new) words='--force' ;;
       esac ;;
     put) [[ $word == -* ]] || { mapfile -t COMPREPLY < <(compgen -f -- "$word"); return; } ;;
   esac

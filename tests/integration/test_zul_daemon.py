@@ -305,13 +305,13 @@ def test_a_password_file_that_others_may_read_is_not_used(served, password):
 def commands(*words):
     """The subcommands that the help of zul lists."""
     text = subprocess.run([ZUL, *words, "--help"], capture_output=True, text=True, env=environment()).stdout
-    return re.findall(r"^  ([a-z]+) +[A-Z]", text.split("Subcommands:")[1].split("\n\n")[0], re.M)
+    return re.findall(r"^  ([a-z-]+) +[A-Z]", text.split("Subcommands:")[1].split("\n\n")[0], re.M)
 
 
 def every_command():
     for name in commands():
         yield name
-        if name in ("vtape", "users"):
+        if name in ("vtape", "users", "key"):
             yield from (f"{name} {part}" for part in commands(name))
 
 
@@ -359,7 +359,7 @@ def test_completion_knows_every_command_and_option():
     assert set(complete("zul ")) >= set(commands())
     for name in commands():
         assert set(complete(f"zul {name} --")) >= options(name), name
-    for name in ("vtape", "users"):
+    for name in ("vtape", "users", "key"):
         assert set(complete(f"zul {name} ")) == set(commands(name))
     assert complete("zul fol") == ["follow"]
     assert complete("zul --home /x vt") == ["vtape"]
