@@ -1,0 +1,342 @@
+// The sending host of a multicast run: repServStart, called for "replicate", forks the packer and
+// is itself the data sender until the run is over.
+#include <errno.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <string.h>
+#include <sys/random.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <zul/host.h>
+#include <zul/module.h>
+#include <zul/mrepl.h>
+
+#include "base/fd.h"
+#include "base/log.h"
+#include "base/pause.h"
+#include "base/process.h"
+#include "mrepl/packing.h"
+#include "mrepl/sending.h"
+
+using mrepl::sending;
+
+namespace {
+
+constexpr int kAllCategories = 1911;
+constexpr int kDrainPasses = 1024;
+constexpr int kDrainMs = 60000;         // sound: the longest drain
+constexpr int kQuietMs = 2000;          // sound: nobody has asked for so long
+constexpr int kHeartbeatMicros = 5000;  // sound: how often the last segment is repeated
+constexpr int64_t kBurstMicros = 1000;  // sound: pauses shorter than this are saved up
+
+// What the loop keeps from one pass to the next.
+struct Pass {
+  mrepl::Moment previous;  // of the last transmission
+  int64_t dueMicros;       // sound: when the next transmission is due
+  int drainPasses;
+  long long drainSinceMs;  // 0: not draining
+  long long lookedMs;      // at the packer and the receivers
+};
+
+int64_t microsOf(const mrepl::Moment &moment) {
+  return moment.seconds * 1000000 + moment.micros;
+}
+
+// --- start and end ---
+
+void prepareArea(msendctrl *ctrl, mslot *ring) {
+  memset(ctrl, 0, sizeof *ctrl);
+  timeval now;
+  gettimeofday(&now, nullptr);
+  // Full seconds here, seconds modulo 256 later: it only affects slots that were never sent.
+  auto stamp = static_cast<uint32_t>(static_cast<uint64_t>(now.tv_sec) * 1000000 +
+                                     static_cast<uint64_t>(now.tv_usec));
+  for (int at = 0; at < MR_SEND_SLOTS; at++) {
+    memset(static_cast<void *>(&ring[at]), 0, offsetof(mslot, seg) + offsetof(mseg, payload));
+    packul(&ring[at].seg.sendTime, stamp);
+  }
+}
+
+void initialise(msendctrl *ctrl) {
+  mrepl::storeNumber(ctrl->lastSentHigh, ctrl->lastSentLow, 0);
+  ctrl->segmentSize = MR_PAYLOAD;
+  ctrl->ringSlots = MR_SEND_SLOTS;
+  mrepl::storeNumber(ctrl->freeTillHigh, ctrl->freeTillLow, 0);
+  ctrl->waitTime = 50;
+  // An operator who sets a speed means all of the run, not only what comes after a loss.
+  if (mrepl::soundRun() && getMinWait(0) > 0) ctrl->waitTime = getMinWait(0);
+  ctrl->lastRtt = 1000000;
+  ctrl->smoothedRtt = 200;
+  ctrl->maxRtt = 0;
+  base::storeWord(ctrl->senderState, mrepl::kRunning);
+}
+
+// Whether our child is gone; a packer that is none of ours never is.
+bool packerGone() {
+  int status;
+  if (sending.packer > 0 && base::reapNow(sending.packer, &status) == sending.packer)
+    sending.packer = -1;
+  return sending.packer < 0;
+}
+
+// Without the end records, which only the packer can lay down, neither side would ever end.
+void standInForPacker() {
+  if (mrepl::freeSlots(sending.ctrl) < 2) return;
+  base::print(fplog, "ERROR:  The packer has died: not all files are sent\n");
+  mrepl::placeEndRecords(sending.ctrl, sending.ring);
+  base::storeWord(sending.ctrl->packerState, mrepl::kEnded);
+}
+
+bool packerStarted() {
+  msendctrl *ctrl = sending.ctrl;
+  while (base::loadWord(ctrl->packerState) == 0 && !packerGone()) mrepl::sleepMicros(100);
+  if (base::loadWord(ctrl->packerState) == mrepl::kRunning) return true;
+  // A packer that does not pause may have packed a small job by now.
+  return mrepl::soundRun() && mrepl::filledOf(*ctrl) != 0;
+}
+
+// --- the end of the run ---
+
+// Installed senders count passes, whatever the receivers' state, and repeat the end for about a
+// tenth of a second: whoever lacks more by then never completes.
+bool drainedClassic(Pass *pass) {
+  const msendctrl &ctrl = *sending.ctrl;
+  if (mrepl::debugging())
+    base::print(fplog, "DEBUG:  Shutdown?  filled=%i:%i, lastSent=%i:%i, shutdownFlag=%i\n",
+                ctrl.filledHigh, ctrl.filledLow, ctrl.lastSentHigh, ctrl.lastSentLow,
+                pass->drainPasses);
+  return ++pass->drainPasses >= kDrainPasses;
+}
+
+bool drainedSound(Pass *pass) {
+  long long now = base::nowMs();
+  if (pass->drainSinceMs == 0) pass->drainSinceMs = now;
+  sending.receivers.ended(mrepl::filledOf(*sending.ctrl));
+  if (now - pass->drainSinceMs > base::siteLength("multicast.drain", kDrainMs)) return true;
+  if (sending.receivers.waiting()) return false;
+  // Who does not report can only be waited for in silence.
+  if (sending.receivers.count() > 0 && sending.strangerMs == 0) return true;
+  long long quietSince =
+      sending.strangerMs > pass->drainSinceMs ? sending.strangerMs : pass->drainSinceMs;
+  return now - quietSince > kQuietMs;
+}
+
+bool draining() {
+  const msendctrl &ctrl = *sending.ctrl;
+  if (base::loadWord(ctrl.packerState) == mrepl::kRunning) return false;
+  // The slot behind the last one is sent by installed senders only.
+  mrepl::Number ahead = mrepl::soundRun() ? 1 : 0;
+  return mrepl::filledOf(ctrl) == mrepl::lastSentOf(ctrl) + ahead;
+}
+
+bool runIsOver(Pass *pass) {
+  if (!draining()) return false;
+  return mrepl::soundRun() ? drainedSound(pass) : drainedClassic(pass);
+}
+
+// --- one pass ---
+
+mrepl::Moment waitForTurn(Pass *pass, mrepl::Moment now) {
+  int64_t wait = sending.ctrl->waitTime;
+  if (mrepl::soundRun()) {
+    // A pause of less than the kernel's granularity takes twice as long as meant, so short ones
+    // are saved up and the rate is kept.
+    int64_t ahead = pass->dueMicros - microsOf(now);
+    if (ahead > kBurstMicros) {
+      mrepl::sleepMicros(ahead);
+      now = mrepl::momentNow();
+    }
+    int64_t earliest = microsOf(now) - kBurstMicros;
+    pass->dueMicros = (pass->dueMicros > earliest ? pass->dueMicros : earliest) + wait;
+    return now;
+  }
+  int64_t elapsed = now.micros - pass->previous.micros;
+  if (now.seconds != pass->previous.seconds) elapsed += 1000000;
+  if (wait <= elapsed) return now;
+  mrepl::sleepMicros(wait - elapsed);
+  return mrepl::momentNow();
+}
+
+// Nothing to send, or the receivers are not ready for more: they are reminded of the last segment,
+// by which they notice what they lack, and listened to.
+void rest(Pass *pass, const mrepl::Moment &now) {
+  msendctrl *ctrl = sending.ctrl;
+  mrepl::expire(sending.ring, ctrl, mrepl::lastSentOf(*ctrl), now.wire());
+  if (microsOf(now) - microsOf(pass->previous) >= kHeartbeatMicros) {
+    mrepl::Number last = mrepl::lastSentOf(*ctrl);
+    if (last > 0)
+      mrepl::sendAgain(mrepl::sendSlot(sending.ring, last), ctrl, sending.to, sending.sd, now);
+    pass->previous = now;
+  }
+  pollfd ready{sending.requestSd, POLLIN, 0};
+  poll(&ready, 1, 1);
+}
+
+void look(Pass *pass) {
+  long long now = base::nowMs();
+  if (now == pass->lookedMs) return;
+  pass->lookedMs = now;
+  sending.receivers.giveUp(now);
+  if (packerGone() && base::loadWord(sending.ctrl->packerState) == mrepl::kRunning)
+    standInForPacker();
+}
+
+void sendOne(Pass *pass) {
+  msendctrl *ctrl = sending.ctrl;
+  mrepl::Moment now = mrepl::momentNow();
+  bool sound = mrepl::soundRun();
+  mrepl::Number lastSent = mrepl::lastSentOf(*ctrl);
+  mrepl::Number first = mrepl::freeTillOf(*ctrl) + 1;
+  // The slot of the last segment is searched in a sound run only: elsewhere it is not filled yet.
+  mrepl::Number last = sound ? lastSent : lastSent - (lastSent > 0 ? 1 : 0);
+  mrepl::Number wanted = sending.wanted.next(sending.ring, first, last);
+  bool found = wanted <= last && lastSent > 0;
+  bool ending = draining();
+  if (!ending) mrepl::expire(sending.ring, ctrl, found ? wanted : lastSent, now.wire());
+  if (sound && !found && mrepl::nothingReady(*ctrl)) return rest(pass, now);
+  now = waitForTurn(pass, now);
+  if (found && mrepl::debugging())
+    base::print(fplog, "DEBUG:  Resending seg=%i\n", mrepl::lowOf(wanted));
+  uint32_t choice = mrepl::lowOf(found ? wanted : ending ? lastSent - 1 : lastSent);
+  int result;
+  if (sound && found) {
+    result =
+        mrepl::sendAgain(mrepl::sendSlot(sending.ring, wanted), ctrl, sending.to, sending.sd, now);
+  } else {
+    timeval moment{now.seconds, now.micros};
+    result = sendData(sending.ring, ctrl, sending.to, sending.sd, choice, &moment);
+  }
+  // The flag of a segment that was sent is gone; one that failed is tried again.
+  if (result == 0 && found) sending.wanted.done(wanted);
+  // A network that takes nothing is asked again soon, not at once.
+  if (result != 0 && sound) base::sleepMs(1);
+  pass->previous = now;
+}
+
+// --- the hosts of the job ---
+
+void expectHosts(const MreplJobData *job) {
+  sending.receivers.begin();
+  sending.strangerMs = 0;
+  if (!mrepl::soundRun()) return;
+  for (const strNode *node = &job->hostList; node; node = node->next) {
+    if (!node->text || node->text[0] == '\0') continue;
+    addrinfo wanted{}, *found = nullptr;
+    wanted.ai_family = AF_INET;
+    uint32_t address = 0;
+    if (getaddrinfo(node->text, nullptr, &wanted, &found) == 0 && found) {
+      sockaddr_in first;
+      memcpy(&first, found->ai_addr, sizeof first);
+      address = first.sin_addr.s_addr;
+    } else {
+      base::print(fplog, "WARNING:  Receiver %s: unknown host\n", node->text);
+    }
+    if (found) freeaddrinfo(found);
+    sending.receivers.expect(node->text, address, base::nowMs());
+  }
+}
+
+void chooseRunWord() {
+  mrepl::runWord = 0;
+  if (!mrepl::soundRun()) return;
+  uint16_t run = 0;
+  while (run == 0 && getrandom(&run, sizeof run, 0) >= 0) {
+  }
+  mrepl::runWord = mrepl::kReports | static_cast<uint32_t>(run == 0 ? 1 : run) << 16;
+}
+
+void tellOutcome() {
+  static constexpr const char *kStates[] = {"never joined", "incomplete", "complete", ""};
+  for (int at = 0; at < sending.receivers.count(); at++) {
+    const mrepl::Receiver &each = sending.receivers.at(at);
+    const char *text = kStates[static_cast<int>(each.state)];
+    if (each.state == mrepl::ReceiverState::lost)
+      text = each.joined ? "incomplete" : "never joined";
+    base::print(fplog, "INFO:  Receiver %s: %s\n", each.name, text);
+    base::print(stderr, "INFO:  Receiver %s: %s\n", each.name, text);
+  }
+}
+
+int startPacker(MreplJobData *job, msendctrl *ctrl) {
+  pid_t pid = base::forkFlushed();
+  if (pid < 0) {
+    base::storeWord(ctrl->senderState, mrepl::kEnded);
+    base::storeWord(ctrl->packerState, mrepl::kEnded);
+    return -1;
+  }
+  if (pid > 0) return pid;
+  dataPacker(job);
+  rmShMem(shmid);
+  base::endProcess(0);
+}
+
+}  // namespace
+
+int dataSender(struct sockaddr_in *to, int dataSd, struct sockaddr_in *, int reqSd) {
+  auto *ctrl = static_cast<msendctrl *>(getCtrlPtr(shmid));
+  mslot *ring = getDataPtr(shmid);
+  if (!ctrl || !ring) return -1;
+  sending.ctrl = ctrl;
+  sending.ring = ring;
+  sending.to = to;
+  sending.sd = dataSd;
+  sending.requestSd = reqSd;
+  sending.wanted.clear();
+  initialise(ctrl);
+  if (!packerStarted()) {
+    base::storeWord(ctrl->senderState, mrepl::kEnded);
+    return -1;
+  }
+  if (!base::sound(base::Area::pace)) mrepl::sleepMicros(10000);
+  for (Pass pass{}; !runIsOver(&pass);) {
+    mrepl::takeRequests();
+    look(&pass);
+    sendOne(&pass);
+  }
+  base::storeWord(ctrl->senderState, mrepl::kEnded);
+  return 0;
+}
+
+int repServStart(MreplJobData *job) {
+  base::defaultSigchld();
+  base::ignoreSigpipe();
+  if (!mrepl::soundRun()) dlvl = kAllCategories;
+  openLog(1);
+  mrepl::forgetArea();
+  shmid = mkShMem(MR_SEND_AREA);
+  auto *ctrl = shmid < 0 ? nullptr : static_cast<msendctrl *>(getCtrlPtr(shmid));
+  mslot *ring = ctrl ? getDataPtr(shmid) : nullptr;
+  if (!ring) {
+    base::print(stderr, "ERROR: Failed to allocate shared memory buffer.  errno = %i\n", errno);
+    return shmid < 0 ? shmid : -1;
+  }
+  prepareArea(ctrl, ring);
+  sockaddr_in requestAddress, group;
+  char groupText[] = MR_GROUP;
+  base::Fd requests(mkUDPListenerSocket(MR_REQ_PORT, &requestAddress));
+  if (!requests) {
+    base::print(stderr, "ERROR: Failed to get listener socket. retval = %i, errno = %i\n",
+                requests.get(), errno);
+    rmShMem(shmid);
+    return -2;
+  }
+  base::Fd data(mkUDPSenderSocket(MR_DATA_PORT, groupText, &group));
+  if (!data) {
+    base::print(stderr, "ERROR: Failed to get sender socket. retval = %i, errno = %i\n", data.get(),
+                errno);
+    rmShMem(shmid);
+    return -3;
+  }
+  getMinWait(job->speed);
+  chooseRunWord();
+  expectHosts(job);
+  sending.packer = startPacker(job, ctrl);
+  if (sending.packer > 0) dataSender(&group, data.get(), &requestAddress, requests.get());
+  rmShMem(shmid);
+  mrepl::forgetArea();
+  tellOutcome();
+  return 0;
+}

@@ -1,0 +1,83 @@
+#include "mrepl/received.h"
+
+#include <inttypes.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "base/fd.h"
+#include "base/json.h"
+#include "base/text.h"
+#include "mrepl/run.h"
+
+namespace mrepl {
+
+Received received;
+
+namespace {
+
+// More names than this help nobody; the count is always right.
+constexpr uint64_t kMostNamed = 10000;
+
+void copyStream(FILE *from, FILE *to) {
+  char block[4096];
+  rewind(from);
+  for (size_t n; (n = fread(block, 1, sizeof block, from)) > 0;) fwrite(block, 1, n, to);
+}
+
+}  // namespace
+
+void Received::begin() {
+  if (list_) fclose(list_);
+  *this = Received{};
+  started_ = time(nullptr);
+  if (soundRun()) write("running");
+}
+
+void Received::noteRun(uint32_t control) {
+  run_ = control >> 16;
+}
+
+void Received::done(uint64_t bytes) {
+  files_++;
+  bytes_ += bytes;
+}
+
+void Received::failed(const mfilehead &header, int code, const char *reason) {
+  if (!list_) list_ = tmpfile();
+  if (++failures_ > kMostNamed || !list_) return;
+  char name[sizeof header.name + 1] = "";
+  memcpy(name, header.name, sizeof header.name);
+  fputs(failures_ > 1 ? ",{\"name\":" : "{\"name\":", list_);
+  base::writeJsonText(list_, name);
+  fprintf(list_, ",\"code\":%i,\"error\":", code);
+  base::writeJsonText(list_, reason);
+  putc('}', list_);
+}
+
+void Received::finish(bool complete) {
+  ended_ = time(nullptr);
+  if (soundRun()) write(complete && failures_ == 0 ? "complete" : "incomplete");
+  if (list_) fclose(list_);
+  list_ = nullptr;
+}
+
+void Received::write(const char *state) {
+  base::HomePath path("var/tape/mrepljobs/received.json");
+  base::HomePath temporary("var/tape/mrepljobs/received.json.new");
+  base::File file(fopen(temporary, "we"));
+  if (!file) return;
+  FILE *out = file.get();
+  fchmod(fileno(out), 0600);
+  fprintf(out,
+          "{\"kind\":\"multicast\",\"state\":\"%s\",\"run\":%u,\"started\":%" PRId64
+          ",\"ended\":%" PRId64 ",\"files\":%" PRIu64 ",\"bytes\":%" PRIu64 ",\"failed\":%" PRIu64
+          ",\"failures\":[",
+          state, run_, static_cast<int64_t>(started_), static_cast<int64_t>(ended_), files_, bytes_,
+          failures_);
+  if (list_) copyStream(list_, out);
+  fputs("]}\n", out);
+  if (!file.close() || rename(temporary, path) != 0) unlink(temporary);
+}
+
+}  // namespace mrepl

@@ -1,0 +1,38 @@
+// What a receiver keeps of a run for whoever asks afterwards: var/tape/mrepljobs/received.json on
+// its own disk. In the extracter, which knows what became of each file.
+#pragma once
+#include <stdint.h>
+#include <stdio.h>
+#include <time.h>
+#include <zul/mrepl.h>
+
+namespace mrepl {
+
+class Received {
+ public:
+  // Nothing is received yet. Replaces the record of an earlier run, which no longer tells the
+  // truth.
+  void begin();
+  // The run that a segment belongs to.
+  void noteRun(uint32_t control);
+  // One file, directory, link or device is there, or is not; code as in logError.
+  void done(uint64_t bytes);
+  void failed(const mfilehead &header, int code, const char *reason);
+  // complete: the end of the run was reached.
+  void finish(bool complete);
+
+ private:
+  void write(const char *state);
+
+  uint32_t run_;
+  time_t started_;
+  time_t ended_;
+  uint64_t files_;
+  uint64_t bytes_;
+  uint64_t failures_;
+  FILE *list_;  // the failures as JSON objects, in a file: there may be many
+};
+
+extern Received received;
+
+}  // namespace mrepl

@@ -1,0 +1,10 @@
+// What the packer asks about the view besides its content.
+#pragma once
+#include <stddef.h>
+
+namespace mrepl {
+
+// Bytes of the view that the file really has; the others were filled up with zeros.
+size_t viewHolds();
+
+}  // namespace mrepl
