@@ -18,6 +18,7 @@
 #include "drive/drive.h"
 #include "drive/faults.h"
 #include "drive/place.h"
+#include "drive/reservation.h"
 #include "drive/state.h"
 #include "drive/virtual.h"
 
@@ -66,6 +67,8 @@ static Problem noCartridge(const std::string &cartridge) {
 // ---- exclusion
 
 static int holderOf(const std::string &drive) {
+  // A job that has the drive reserved may have it closed just now.
+  if (pid_t keeper = keeperOf(deviceOf(drive).c_str())) return keeper;
   State *state = mapState(drive.c_str());
   int holder = state ? state->holder : 0;
   unmapState(state);
@@ -78,8 +81,13 @@ static int holderOf(const std::string &drive) {
 class OpenDrive {
  public:
   explicit OpenDrive(const std::string &drive)
-      : fd_(openVirtual(deviceOf(drive).c_str(), O_RDONLY | O_NONBLOCK, Patience::none)),
-        error_(fd_ < 0 ? errno : 0) {}
+      : isReserved_(keeperOf(deviceOf(drive).c_str()) != 0),
+        fd_(isReserved_
+                ? -1
+                : openVirtual(deviceOf(drive).c_str(), O_RDONLY | O_NONBLOCK, Patience::none)),
+        error_(isReserved_ ? EBUSY
+               : fd_ < 0   ? errno
+                           : 0) {}
   ~OpenDrive() {
     if (fd_ >= 0) abandonDrive(fd_);
   }
@@ -89,6 +97,7 @@ class OpenDrive {
   int error() const { return error_; }
 
  private:
+  bool isReserved_;
   int fd_, error_;
 };
 
@@ -257,7 +266,7 @@ static DriveInfo infoOf(const std::string &drive) {
   info.isBusy = open.fd() < 0 && open.error() == EBUSY;
   State *state = mapState(drive.c_str());
   if (!state) return info;
-  if (info.isBusy) info.holder = state->holder;
+  if (info.isBusy) info.holder = holderOf(drive);
   if (info.cartridge == state->cartridge && !info.cartridge.empty()) {
     info.fileNo = state->fileNo;
     info.blockNo = state->blockNo;

@@ -9,11 +9,16 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include "drive/reservation.h"
 #include "drive/virtual.h"
 
 namespace drive {
 
 int openDrive(const char *device, int flags, mode_t mode) {
+  if (keeperOf(device) != 0) {
+    errno = EBUSY;
+    return -1;
+  }
   if (isVirtual(device)) return openVirtual(device, flags);
   int fd = open(device, flags | O_CLOEXEC, mode);
   if (fd >= 0) forgetClosed(fd);

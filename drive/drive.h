@@ -23,7 +23,8 @@ namespace drive {
 // True for a path that this layer serves itself.
 bool isVirtual(const char *device);
 
-// open(2). flags and mode as there; O_CLOEXEC is added. On a virtual drive O_CREAT, O_TRUNC and
+// open(2). flags and mode as there; O_CLOEXEC is added. A drive that another process has reserved
+// (drive/reservation.h) is EBUSY. On a virtual drive O_CREAT, O_TRUNC and
 // O_DSYNC have no effect, and an empty one is ENOMEDIUM at once.
 int openDrive(const char *device, int flags, mode_t mode = 0);
 // close(2). When this was the last holder of a drive that was written to, the file mark is written

@@ -12,6 +12,7 @@
 
 #include "base/fd.h"
 #include "base/log.h"
+#include "base/pause.h"
 #include "base/site.h"
 #include "base/text.h"
 #include "drive/drive.h"
@@ -35,6 +36,8 @@ constexpr int kTapeFailed = -994;
 constexpr int kNoVolumeList = -995;
 constexpr int kNoCatalogCopy = -998;
 constexpr int kNoSegment = -999;
+
+constexpr int kDriveLookMs = 100;  // between two tries of a drive that another job has
 
 // Of history records.
 constexpr int kCompleted = 1;
@@ -86,9 +89,12 @@ class BackupJob {
  private:
   int prepare(int job);
   void releaseConsole();
+  void reserveDrive();
   int goBehindLast();
   int position();
   bool tapeHoldsLast(int volume);
+  int lookAhead(int volume);
+  ssize_t readHere(catlgstru *copy);
   int reconcile(int volume);
   int enterCatalog();
   int openVolumeList();
@@ -113,6 +119,7 @@ class BackupJob {
   jobrun run_;
   time_t start_;
   char device_[256] = "";
+  drive::Reservation reservation_;
   catlgstru record_;
   base::File vollist_;
   tape::JobProgress progress_;
@@ -167,7 +174,8 @@ int BackupJob::prepare(int job) {
   int volume = position();
   if (volume < 0) {
     base::print(backuplog, "ERROR:  8306  Fatal error.  Cannot position tape.\n");
-    snprintf(error_, sizeof error_, "the tape in drive %i cannot be positioned", drive());
+    if (error_[0] == '\0')
+      snprintf(error_, sizeof error_, "the tape in drive %i cannot be positioned", drive());
     closeStatus();
     return volume + kPositionBase;
   }
@@ -199,11 +207,47 @@ int BackupJob::goBehindLast() {
   return volume;
 }
 
+// Another job may write to this drive for hours; this one goes behind it.
+void BackupJob::reserveDrive() {
+  for (bool isSaid = false; !reservation_.take(device_); isSaid = true) {
+    if (!isSaid)
+      base::print(backuplog, "NOTICE:  Drive %i is in use by another job, waiting for it\n",
+                  drive());
+    progress_.refresh();
+    base::sleepMs(kDriveLookMs);
+  }
+}
+
 int BackupJob::position() {
+  if (backupSound()) reserveDrive();
   int volume = goBehindLast();
-  if (backupSound() && run_.tape >= 0 && tape::isPending(drive(), run_.tape))
-    return reconcile(volume);
-  return volume;
+  if (!backupSound() || run_.tape < 0) return volume;
+  if (tape::isPending(drive(), run_.tape)) return reconcile(volume);
+  return volume < 0 ? volume : lookAhead(volume);
+}
+
+// The block that comes next on the tape, if it is as long as that of a catalog copy.
+ssize_t BackupJob::readHere(catlgstru *copy) {
+  tape::OpenDrive open(drive::openDrive(device_, O_RDONLY));
+  return open ? drive::readBlock(open.get(), copy, CATLG_FIXED) : -1;
+}
+
+// A catalog that lost its last records counts fewer volumes than the tape holds; the job would
+// write over the others.
+int BackupJob::lookAhead(int volume) {
+  catlgstru copy = {};
+  ssize_t got = readHere(&copy);
+  if (got == CATLG_FIXED && copy.magic == CATLG_MAGIC) {
+    base::print(backuplog,
+                "ERROR:  The tape holds volume %i, which its catalog does not know.  Put back %s "
+                "from a copy, or insert another tape\n",
+                volume, tapeFile("catalog").c_str());
+    snprintf(error_, sizeof error_, "tape %i in drive %i holds more volumes than its catalog knows",
+             run_.tape, drive());
+    return kFailed;
+  }
+  // At the end of the data the tape has not moved.
+  return got > 0 ? goBehindLast() : volume;
 }
 
 // Whether the tape file `volume` is the catalog copy of the catalog's last record. A tape from
@@ -212,17 +256,17 @@ bool BackupJob::tapeHoldsLast(int volume) {
   tape::Catalog catalog;
   int volumes = catalog.load(tapeFile("").data());
   if (volumes < 1 || mtFSF(device_, volume) != 0) return false;
-  tape::OpenDrive open(drive::openDrive(device_, O_RDONLY));
-  char copy[CATLG_FIXED];
-  return open && drive::readBlock(open.get(), copy, sizeof copy) == CATLG_FIXED &&
-         memcmp(copy, &catalog[volumes - 1], CATLG_FIXED) == 0;
+  catlgstru copy;
+  return readHere(&copy) == CATLG_FIXED && memcmp(&copy, &catalog[volumes - 1], CATLG_FIXED) == 0;
 }
 
 // An earlier job was killed between catalog and tape, or could not end its data file. Where the
 // tape can be positioned behind its volume, both tape files are there and what it wrote can be
 // restored; where it cannot, the catalog counts a volume that the tape does not have, and no job
-// could ever write to this tape again.
+// could ever write to this tape again. What such a volume left on the tape is written over: until
+// that is done the note stays.
 int BackupJob::reconcile(int volume) {
+  if (volume >= 0 && tape::pendingVolume(drive(), run_.tape) == volume) return volume;
   if (volume >= 0 && tapeHoldsLast(volume - 2)) {
     volume = goBehindLast();
     if (volume < 0) return volume;
@@ -230,19 +274,16 @@ int BackupJob::reconcile(int volume) {
                 "NOTICE:  An earlier backup to this tape was interrupted; what it wrote is volume "
                 "%i\n",
                 volume - 2);
-  } else {
-    base::print(backuplog,
-                "NOTICE:  An earlier backup to this tape was interrupted before its volume was "
-                "complete; its catalog is put back from %s\n",
-                tapeFile("catalog.Old").c_str());
-    if (filecpy(tapeFile("catalog.Old"), tapeFile("catalog"), 0) != 0) return volume;
-    tape::syncTapeFile(drive(), run_.tape, "catalog");
-    volume = goBehindLast();
-    // The drive may have failed for reasons of its own: then nothing is known yet.
-    if (volume < 0) return volume;
+    tape::clearPending(drive(), run_.tape);
+    return volume;
   }
-  tape::clearPending(drive(), run_.tape);
-  return volume;
+  base::print(backuplog,
+              "NOTICE:  An earlier backup to this tape was interrupted before its volume was "
+              "complete; its catalog is put back from %s\n",
+              tapeFile("catalog.Old").c_str());
+  if (filecpy(tapeFile("catalog.Old"), tapeFile("catalog"), 0) != 0) return volume;
+  tape::syncTapeFile(drive(), run_.tape, "catalog");
+  return goBehindLast();
 }
 
 int BackupJob::enterCatalog() {

@@ -12,7 +12,6 @@
 #include "base/site.h"
 #include "base/text.h"
 #include "drive/drive.h"
-#include "tape/pending.h"
 #include "tape/tapeio.h"
 
 namespace {
@@ -84,7 +83,5 @@ int backupFail(int drive, int tape, int volume) {
   unlink(base::HomePath("var/tape/drive.%i/tape.%i/vol.%i.sum", drive, tape, volume));
   base::HomePath old("var/tape/drive.%i/tape.%i/catalog.Old", drive, tape);
   base::HomePath live("var/tape/drive.%i/tape.%i/catalog", drive, tape);
-  if (filecpy(old, live, 0) != 0) return -1;
-  tape::clearPending(drive, tape);
-  return 0;
+  return filecpy(old, live, 0) == 0 ? 0 : -1;
 }

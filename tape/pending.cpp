@@ -38,6 +38,12 @@ bool isPending(int drive, int tape) {
   return access(pendingPath(drive, tape), F_OK) == 0;
 }
 
+int pendingVolume(int drive, int tape) {
+  base::File file(fopen(pendingPath(drive, tape), "re"));
+  char text[16] = "";
+  return file && fgets(text, sizeof text, file.get()) ? base::decimal(text) : 0;
+}
+
 void clearPending(int drive, int tape) {
   if (unlink(pendingPath(drive, tape)) == 0) syncFolder(drive, tape);
 }

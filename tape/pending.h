@@ -8,7 +8,10 @@ namespace tape {
 // Before the volume's record is appended; on disk when this returns. False when it cannot be made.
 bool notePending(int drive, int tape, int volume);
 bool isPending(int drive, int tape);
-// The volume is complete on tape, or out of the catalog again.
+// The volume of the note; 0 when there is none that can be read.
+int pendingVolume(int drive, int tape);
+// The volume is complete on tape. Not when it is out of the catalog again: the tape may still hold
+// the beginning of it, which the next job has to know for what it is.
 void clearPending(int drive, int tape);
 // Writes a file of the tape's directory through to the disk.
 void syncTapeFile(int drive, int tape, const char *name);

@@ -19,6 +19,7 @@
 #include "base/fd.h"
 #include "base/log.h"
 #include "base/pause.h"
+#include "base/site.h"
 #include "base/store.h"
 #include "base/text.h"
 #include "tape/catalog.h"
@@ -104,6 +105,9 @@ bool writeLabel(const char *device, const tapehead &label) {
 }
 
 bool labelMedium(char *device, const tapehead &label) {
+  // A job that positions the tape meanwhile would get the label into its volumes.
+  drive::Reservation reservation;
+  if (base::sound(base::Area::backup)) tape::reserveDrive(&reservation, device);
   if (mtRewind(device) != 0) {
     base::print(fplog, "ERROR:  8018  Failed to rewind tape: %s\n", device);
     return false;

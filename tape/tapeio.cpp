@@ -53,6 +53,11 @@ int openWaiting(const char *device, int code) {
 
 }  // namespace
 
+void tape::reserveDrive(drive::Reservation *reservation, const char *device) {
+  int tries = base::pauseLength(base::Pause::DriveBusyTries);
+  while (!reservation->take(device) && --tries > 0) base::pauseFor(base::Pause::DriveBusy);
+}
+
 bool tape::isDevice(const char *device) {
   return strncmp(device, "/dev", 4) == 0;
 }

@@ -3,6 +3,7 @@
 #include <zul/records.h>
 
 #include "drive/drive.h"
+#include "drive/reservation.h"
 
 namespace tape {
 
@@ -27,6 +28,10 @@ class OpenDrive {
  private:
   int fd_;
 };
+
+// Reserves a drive for several calls in a row, waiting for it as an opening does. Where another
+// process keeps it longer, the first opening says so.
+void reserveDrive(drive::Reservation *reservation, const char *device);
 
 // How long a tape may be silent before readt gives up, in milliseconds; no setting, but the tests
 // lower it.

@@ -134,9 +134,10 @@ class Host:
                     found.append(f"process {pid}: {line.read()}")
         for name in os.listdir(self.path("tmp")):
             if name.endswith(".lock"):
-                with open(self.path("tmp", name)) as lock:
+                with open(self.path("tmp", name), "r+") as lock:
                     try:
                         fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+                        fcntl.lockf(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
                     except BlockingIOError:
                         found.append(f"a lock on {name}")
             elif name.startswith("ipc."):

@@ -38,6 +38,8 @@ class Peer:
 
     def expect(self, word):
         line = self.reader.readline()
+        if line.startswith(b"Job "):  # which request the peer came for
+            line = self.reader.readline()
         if not line.startswith(word):
             raise ConnectionError(f"{word} expected, got {line}")
 

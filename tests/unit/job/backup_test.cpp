@@ -375,7 +375,6 @@ TEST_P(AnyBackup, AVolumeListThatCannotBeOpenedTakesTheVolumeBack) {
   EXPECT_TRUE(logged("ERROR:  8309  Fatal error.  Cannot open backup volume list: " +
                      tapeFilePath("vol.1") + ".  errno = 21\n"));
   EXPECT_EQ(catalog(), "");
-  EXPECT_FALSE(tape::isPending(1, 0));
   EXPECT_EQ(nextVolume(), 1);
 }
 
@@ -644,6 +643,38 @@ TEST_F(Backup, SoundAKilledJobsVolumeIsNotMistakenForAnOlderOne) {
     EXPECT_EQ(history().back().volume, 1);
     EXPECT_EQ(readTape().size(), 3u);
     EXPECT_EQ(nextVolume(), 3);
+  });
+}
+
+// Restored from an old copy, say: the tape knows better.
+TEST_P(AnyBackup, ACatalogThatLostItsLastVolume) {
+  loadTape();
+  defineJob({"127.0.0.2"});
+  const bool isSound = std::string(GetParam()) == "sound";
+  alone([&] {
+    Client alpha("127.0.0.2", std::vector<File>{{"/a", "abc"}});
+    ASSERT_EQ(backup(), 0) << jobLog();
+    support::writeFile(path("one"), catalog());
+  });
+  alone([&] {
+    Client alpha("127.0.0.2", std::vector<File>{{"/b", "bcd"}});
+    ASSERT_EQ(backup(), 0) << jobLog();
+    support::writeFile(path("two"), catalog());
+    support::writeFile(tapeFilePath("catalog"), support::readFile(path("one")));
+  });
+  alone([&] {
+    Client alpha("127.0.0.2", std::vector<File>{{"/c", "cde"}});
+    EXPECT_EQ(backup(), isSound ? -11 : 0) << jobLog();
+    EXPECT_EQ(packages(readTape().back()).size(), 1u);
+    const std::string kept = "ERROR:  The tape holds volume 3, which its catalog does not know.";
+    EXPECT_EQ(logged(kept), isSound) << jobLog();
+  });
+  if (!isSound) return;
+  alone([&] {
+    Client alpha("127.0.0.2", std::vector<File>{{"/c", "cde"}});
+    support::writeFile(tapeFilePath("catalog"), support::readFile(path("two")));
+    EXPECT_EQ(backup(), 0) << jobLog();
+    EXPECT_EQ(history().back().volume, 5);
   });
 }
 
