@@ -288,7 +288,8 @@ int BackupJob::reconcile(int volume) {
 
 int BackupJob::enterCatalog() {
   base::HomePath catalog = tapeFile("catalog");
-  base::Fd(open(catalog, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+  base::Fd made(open(catalog, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+  made.reset();
   if (filecpy(catalog, tapeFile("catalog.Old"), 0) != 0) {
     base::print(backuplog, "ERROR:  8308  Cannot make a backup copy of the tape catalog.\n");
     backupFail(drive(), run_.tape, run_.volume);
@@ -303,7 +304,10 @@ int BackupJob::enterCatalog() {
       return giveUp(kNoCatalogCopy);
     }
   }
-  if (fillCatlgstru(job(), &record_, run_.level) != 0) {
+  int filled = fillCatlgstru(job(), &record_, run_.level);
+  // A backup list that is a folder gives an empty record: nobody could read a catalog with that in
+  // it, and no later job could write to the tape.
+  if (filled != 0 || (backupSound() && record_.magic != CATLG_MAGIC)) {
     backupFail(drive(), run_.tape, run_.volume);
     return kFailed;
   }

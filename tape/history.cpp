@@ -127,6 +127,7 @@ void printRecord(const histrec &record, time_t now) {
 int updateHist(jobrun *job, time_t start) {
   histrec record = makeRecord(*job, start);
   base::Store store(historyPath(), sizeof record);
+  store.ownerOnly();
   store.createIfMissing();
   if (!store.backUp(filecpy)) {
     base::print(backuplog, "ERROR:  8346  Cannot make a backup copy of the backup history file.\n");
@@ -145,6 +146,7 @@ int updateHist(jobrun *job, time_t start) {
 
 int modHist(jobrun *job, time_t start, int status, long kbytes) {
   base::Store store(historyPath(), sizeof(histrec));
+  store.ownerOnly();
   store.createIfMissing();
   if (!store.backUp(filecpy)) {
     base::print(backuplog, "ERROR:  8337  Cannot make a backup copy of the backup history file.\n");

@@ -287,6 +287,20 @@ def test_a_job_ends_where_its_records_do(job):
                              "ERROR:  8307  Fatal error.  Aborting backup.\n")
 
 
+def test_a_folder_in_the_place_of_the_list_spoils_a_catalog_in_classic_only(job, agent):
+    os.unlink(job.path("var/tape/jobids/7"))
+    os.mkdir(job.path("var/tape/jobids/7"))
+    gatherer = Gatherer()
+    said = backup(job)
+    gatherer.close()
+    catalog = job.read("var/tape/drive.0/tape.0/catalog")
+    if job.behaviour == "classic":
+        assert (said.result, catalog) == (0, bytes(8200 + 128))
+    else:
+        assert (said.result, catalog) == (-1, b"")
+        assert said.log.endswith("attempting to revert to previous catalog.\n")
+
+
 def test_a_job_that_cannot_be_positioned_says_so_after_its_console_is_free(job):
     for table, result in (("0:file:/tmp/none:a:b:\n", -12), ("0:none:/dev/none:a:b:\n", -11)):
         job.write("etc/tapedevs", table)

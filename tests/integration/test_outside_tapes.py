@@ -219,6 +219,7 @@ def test_a_run_is_added_and_completed_and_old_ones_go(outside):
     assert raw[:4] == b"!LuZ" and len(raw) == 184
     assert struct.unpack("<iiqqqiiiii", raw[8:60]) == (7, 3, 1000, -5, 0, 0, 0, 2, 5, 1)
     assert raw[60:] == bytes(124)
+    assert os.stat(outside.path("var/tape/bhistory")).st_mode & 0o777 == 0o600
     assert outside.exists("var/tape/bhistory.BAK")
     late = 1000 - 5 + 15552000
     for start, left in ((late - 1, 2), (late, 1)):
