@@ -11,7 +11,7 @@ int setAlarmTimer(int seconds) {
 int setAlarmTimerMs(int ms) {
   itimerval timer{};
   timer.it_value.tv_sec = ms / 1000;
-  timer.it_value.tv_usec = ms % 1000 * 1000;
+  timer.it_value.tv_usec = ms % 1000 * 1000L;
   timer.it_interval = timer.it_value;
   return setitimer(ITIMER_REAL, &timer, nullptr);
 }

@@ -97,7 +97,7 @@ bool Store::lock(int limitMs) {
 }
 
 void Store::createIfMissing() {
-  if (usable_) Fd(open(path_, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, createMode_));
+  if (usable_) Fd made(open(path_, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, createMode_));
 }
 
 bool Store::backUp(int (*copy)(const char *, const char *)) {

@@ -32,7 +32,7 @@ HomePath::HomePath(const char *format, ...) {
   va_start(args, format);
   int rest = vsnprintf(text_ + home, sizeof text_ - static_cast<size_t>(home), format, args);
   va_end(args);
-  if (rest < 0 || static_cast<size_t>(home + rest) >= sizeof text_) text_[0] = '\0';
+  if (rest < 0 || rest >= static_cast<int>(sizeof text_) - home) text_[0] = '\0';
 }
 
 int decimal(const char *text) {

@@ -16,7 +16,7 @@
 
 namespace {
 
-constexpr int kSlotBytes = 256;
+constexpr size_t kSlotBytes = 256;
 constexpr int kSlotsPerBlock = 16;
 constexpr size_t kBlockBytes = kSlotBytes * kSlotsPerBlock;
 
@@ -34,7 +34,7 @@ bool writeStrings(int fd, const catlgstru *record, char *block) {
     memset(block, 0, kBlockBytes);
     for (int at = 0; at < kSlotsPerBlock; at++) {
       const char *text = record->strings[first + at];
-      if (text) base::copyText(block + at * kSlotBytes, kSlotBytes, text);
+      if (text) base::copyText(block + kSlotBytes * static_cast<size_t>(at), kSlotBytes, text);
     }
     ssize_t written = writeWhole(fd, block, kBlockBytes);
     if (written != static_cast<ssize_t>(kBlockBytes)) {

@@ -22,7 +22,7 @@ constexpr int kPageBytes = 4096;
 static_assert(IPC_SHM_SIZE / sizeof(ipc) * sizeof(ipc) + kTailBytes == IPC_SHM_SIZE,
               "the usual segment is slots and the tail, with nothing in between");
 
-void *const kInvalid = reinterpret_cast<void *>(-1);
+void *const kInvalid = reinterpret_cast<void *>(-1);  // NOLINT: what shmat answers
 void *attached = kInvalid;
 size_t attachedBytes = 0;
 

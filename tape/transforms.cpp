@@ -21,8 +21,8 @@ constexpr size_t kRewriteLine =
     515;                           // longest line of a rewrite or a listing, its line feed counted
 constexpr size_t kLoadLine = 511;  // and of the table that is loaded
 constexpr size_t kTableTexts = 9728;  // room of the caller's text buffer
-constexpr int kTableSlots = 32;       // of its table: two for each pair, two for the end
-constexpr int kMostPairs = (kTableSlots - 2) / 2;
+constexpr size_t kTableSlots = 32;    // of its table: two for each pair, two for the end
+constexpr size_t kMostPairs = (kTableSlots - 2) / 2;
 
 bool soundStores() {
   return base::sound(base::Area::stores);
@@ -82,13 +82,13 @@ struct Loading {
   char *buffer;
   char **table;
   size_t fill = 0;
-  int pairs = 0;
+  size_t pairs = 0;
 
   // Reads the next line to the fill point: false at the end of the file or when the buffer is used
   // up.
   bool next(FILE *in, int job) {
     if (kTableTexts - fill <= kLoadLine) {
-      base::print(backuplog, "NOTICE:  Transforms of job %i: no room for more than %i of them\n",
+      base::print(backuplog, "NOTICE:  Transforms of job %i: no room for more than %zu of them\n",
                   job, pairs);
       return false;
     }
@@ -216,7 +216,7 @@ int readTransforms(int job, char *buffer, char **table) {
   Loading loading{buffer, table};
   while (loading.pairs < kMostPairs && loading.next(file.get(), job)) loading.keep();
   if (loading.pairs == kMostPairs && getc(file.get()) != EOF)
-    base::print(backuplog, "NOTICE:  Transforms of job %i: only the first %i are used\n", job,
+    base::print(backuplog, "NOTICE:  Transforms of job %i: only the first %zu are used\n", job,
                 kMostPairs);
   table[2 * loading.pairs] = table[2 * loading.pairs + 1] = nullptr;
   base::print(stderr, "Exiting readTransforms\n");
