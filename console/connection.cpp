@@ -1,3 +1,5 @@
+// Connecting to a daemon, logging in, and asking for one request after the other. Every command of
+// zul that does not work on files alone comes through here, in zul's one process.
 #include "console/connection.h"
 
 #include <errno.h>

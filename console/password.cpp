@@ -1,3 +1,5 @@
+// Reads a password from a file or from the terminal, whose echo is switched off meanwhile and on
+// again whatever happens. Used by logins from afar and by "zul user".
 #include "console/password.h"
 
 #include <errno.h>

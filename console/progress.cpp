@@ -1,3 +1,5 @@
+// Takes a progress record apart. It was written by a job of this or another version, and may have
+// been cut off by a full disk: what is missing or of another type reads as nothing.
 #include "console/progress.h"
 
 #include <nlohmann/json.hpp>

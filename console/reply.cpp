@@ -1,3 +1,5 @@
+// Takes the bytes of a connection as they come and cuts them into the request's own text and its
+// end. It knows nothing of sockets, so that the tests can feed it any pieces.
 #include "console/reply.h"
 
 #include <ctype.h>

@@ -1,3 +1,5 @@
+// Turns progress records into lines of a given width: the block that is drawn over on a terminal,
+// and the single lines of a pipe. Prints nothing itself.
 #include "console/screen.h"
 
 #include <algorithm>

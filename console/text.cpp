@@ -1,3 +1,5 @@
+// Numbers and names as people read them. Names come from other hosts' files: what would steer a
+// terminal is escaped here, and nowhere else.
 #include "console/text.h"
 
 #include <ctype.h>

@@ -1,3 +1,4 @@
+// Progress records as jobs of any version leave them, and the lines that are made of them.
 #include "console/progress.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// Answers in whatever pieces a connection brings them.
 #include "console/reply.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// Sizes, durations, and names that would steer a terminal.
 #include "console/text.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,5 @@
+// The peer calls the cipher by itself and shares no code with the library's key agreement, so that
+// a mistake in one is not in the other.
 #include "scramsupport.h"
 
 #include <stdlib.h>
