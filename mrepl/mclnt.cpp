@@ -46,7 +46,7 @@ struct Getting {
   uint32_t control;  // sound: of the run that was joined; 0 before
   bool joined;
   long long takenMs;   // when a segment of the run was taken in last
-  pid_t extracterPid;  // 0 when it is not our child
+  pid_t extracterPid;  // 0 when it is not our child, -1 when it has ended
   mrepl::Repair repair;
 };
 
@@ -189,18 +189,20 @@ bool mustGiveUp(long long now) {
 
 bool extracterGone() {
   int status;
-  return getting.extracterPid > 0 &&
-         base::reapNow(getting.extracterPid, &status) == getting.extracterPid;
+  if (getting.extracterPid > 0 &&
+      base::reapNow(getting.extracterPid, &status) == getting.extracterPid)
+    getting.extracterPid = -1;
+  return getting.extracterPid < 0;
 }
 
 // False when the getter has to end.
 bool keepRound() {
   long long now = base::nowMs();
   if (extracterGone()) {
-    getting.extracterPid = 0;
-    // Killed, it could not say so itself.
+    // It says itself when it has reached the end of the run; killed, it could not.
+    bool ended = base::loadWord(getting.ctrl->extracterState) == mrepl::kEnded;
     base::storeWord(getting.ctrl->extracterState, mrepl::kEnded);
-    return false;
+    return ended;
   }
   if (!mrepl::soundRun()) return true;
   if (mustGiveUp(now)) return false;
