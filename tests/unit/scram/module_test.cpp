@@ -107,6 +107,27 @@ TEST_F(ModuleWithLibrary, AGathererServesFilesThroughIt) {
       });
 }
 
+TEST_F(ModuleWithLibrary, AProcessThatEndsInGoodOrderEndsItsStream) {
+  Pair pair;
+  pid_t pid = fork();
+  if (pid == 0) {
+    shouldEncrypt(1);
+    exit(writen(pair.far.get(), "last\n", 5) == 5 ? 0 : 1);
+  }
+  pair.far.reset();
+  int status = support::inChild([&] {
+    shouldEncrypt(1);
+    char line[16];
+    return readnline(pair.near.get(), line, sizeof line) == 5 &&
+                   readnline(pair.near.get(), line, sizeof line) == 0
+               ? 0
+               : 1;
+  });
+  EXPECT_EQ(support::exitOf(status), 0);
+  waitpid(pid, &status, 0);
+  EXPECT_EQ(support::exitOf(status), 0);
+}
+
 TEST_F(ModuleWithLibrary, WithoutAUsableKeyNothingIsSentInClear) {
   giveKey("no key");
   Pair pair;

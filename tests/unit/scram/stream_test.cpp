@@ -83,20 +83,26 @@ TEST_F(EncryptedStream, BothEndsMayWriteFirst) {
 
 TEST_F(EncryptedStream, BothEndsMayReadFirst) {
   scram::timeouts = {300, 300};
+  int nearIsDone[2];  // the far end must not answer while the near end still reads
+  ASSERT_EQ(pipe2(nearIsDone, O_CLOEXEC), 0);
   bothEnds(
-      [](int fd) {
+      [&](int fd) {
         char byte;
         int first = cryreadn(fd, &byte, 1);
         scram::timeouts = {5000, 5000};
-        return first == -2 && put(fd, "answer") == 6 && take(fd, 3) == "yes";
+        return first == -2 && read(nearIsDone[0], &byte, 1) == 1 && put(fd, "answer") == 6 &&
+               take(fd, 3) == "yes";
       },
-      [](int fd) {
+      [&](int fd) {
         char byte;
         EXPECT_EQ(cryreadn(fd, &byte, 1), -2);
+        EXPECT_EQ(write(nearIsDone[1], "!", 1), 1);
         scram::timeouts = {5000, 5000};
         EXPECT_EQ(take(fd, 6), "answer");
         EXPECT_EQ(put(fd, "yes"), 3);
       });
+  close(nearIsDone[0]);
+  close(nearIsDone[1]);
 }
 
 TEST_F(EncryptedStream, OneEndMayReadAndTheOtherWriteFirst) {
