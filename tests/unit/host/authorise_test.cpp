@@ -52,6 +52,23 @@ TEST(Authorise, AUserWithoutARoleMayDoNothing) {
   EXPECT_FALSE(may(user(login::Role::none), "TAPE server 7 0"));
 }
 
+class FanOutRights : public support::HomeTest {};
+
+TEST_F(FanOutRights, NodesMayLookOnlyWhereTheSiteFileSaysSo) {
+  for (const char *setting : {"", "fanout.nodes-may = \n", "fanout.nodes-may = all\n"}) {
+    site(setting);
+    EXPECT_FALSE(may(node(), "TAPE version")) << setting;
+    EXPECT_FALSE(may(node(), "HOST status")) << setting;
+  }
+  site("fanout.nodes-may = look\n");
+  EXPECT_TRUE(may(node(), "TAPE version"));
+  EXPECT_TRUE(may(node(), "HOST status json"));
+  EXPECT_TRUE(may(node(), "TAPE server 7 0"));
+  for (const char *line : {"TAPE add drive 1:x", "HOST kill 1", "HOST put etc/x 1",
+                           "MREPL set jobid 3", "MREPL fanout", "TAPE backup 7 0"})
+    EXPECT_FALSE(may(node(), line)) << line;
+}
+
 TEST(RequestLines, AreCutAtTheFirstBlankAndKeepTheRest) {
   host::RequestLine request = host::cutRequest("TAPE  get x ");
   EXPECT_EQ(request.word, "TAPE");
