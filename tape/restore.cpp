@@ -111,6 +111,9 @@ void redirect(int from, FILE *stream) {
 // From here on the operator may go: every message lands in restore.serv. Descriptors 0 and 1 stay
 // taken, or the next files opened would get them and stray output would end up in those.
 int releaseConsole() {
+  // A follower that looks right after the acceptance must not take an earlier restore's record for
+  // this one's.
+  unlink(base::HomePath("var/tape/restore.serv.progress"));
   base::print(stderr, "Positioning Tape\nContinuing Silently:  See the ZUL log for any errors.\n");
   base::print(stderr, "TRANSFER OK\n");
   fflush(stdout);

@@ -72,6 +72,14 @@ void logToStatus() {
   fplog = log;
 }
 
+// A follower that looks right after the acceptance must not take the record of an earlier run for
+// this one's.
+void forgetEarlierRun(const char *status) {
+  char record[base::kPathMax];
+  snprintf(record, sizeof record, "%s.progress", status);
+  unlink(record);
+}
+
 int fold(int result) {
   return result != 0 ? 1 : 0;
 }
@@ -205,6 +213,7 @@ int tapeBackup(char *rest) {
   }
   base::HomePath path("var/tape/jobids/%i.status", base::decimal(words.word[0]));
   closeStatus();
+  forgetEarlierRun(path);
   base::print(stderr, "Creating a a background process\n");
   base::print(stderr, "See the backup logs for status\n");
   base::print(stderr, "TRANSFER OK\n");
@@ -223,6 +232,7 @@ int goReplicate(const char *rest) {
   }
   base::HomePath path("var/tape/jobids/replicate.%i.stat", job);
   closeStatus();
+  forgetEarlierRun(path);
   base::print(stderr, "Creating a replication process.\n");
   base::print(stderr, "See the replication logs for status:  %s\n", path.c_str());
   base::print(stderr, "TRANSFER OK\n");

@@ -415,6 +415,9 @@ int goVerify(char *rest) {
     return -1;
   base::print(stderr, "Reading volume %i back.  See %s\n", volume.number,
               base::HomePath("var/tape/verify.status").c_str());
+  // A follower that looks right after the acceptance must not take an earlier run's record for this
+  // one's.
+  unlink(base::HomePath("var/tape/verify.status.progress"));
   base::print(stderr, "TRANSFER OK\n");
   if (mkDaemon() != 0) return -1;
   FILE *status = fopen(base::HomePath("var/tape/verify.status"), "we");

@@ -1,4 +1,4 @@
-// The front end: every word reaches its handler, with the stated texts, results and status files.
+// The front end: every word reaches its handler, with its texts, results and status files.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -111,6 +111,17 @@ TEST_F(TapeTool, BackupReleasesTheConsoleAndDetaches) {
     return readFile(path("var/tape/jobids/7.status")).find("Starting backup job# 7 on ") == 0 &&
            readFile(path("var/tape/jobids/7.status")).find("8046") != std::string::npos;
   })) << readFile(path("var/tape/jobids/7.status"));
+}
+
+TEST_F(TapeTool, AnAcceptedJobLeavesNoRecordOfAnEarlierRunToBeMistakenForIts) {
+  for (const char *record :
+       {"var/tape/jobids/7.status.progress", "var/tape/jobids/replicate.7.stat.progress"})
+    support::writeFile(path(record), "{\"state\":\"failed\"}");
+  EXPECT_EQ(runAway("backup 7 0"), 0);
+  EXPECT_EQ(runAway("replicate 7"), 0);
+  for (const char *record :
+       {"var/tape/jobids/7.status.progress", "var/tape/jobids/replicate.7.stat.progress"})
+    EXPECT_EQ(readFile(path(record)).find("{\"state\":\"failed\"}"), std::string::npos) << record;
 }
 
 TEST_F(TapeTool, BackupOfAJobThatIsNotInTheIndexSaysSo) {
