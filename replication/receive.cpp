@@ -241,6 +241,7 @@ int takeFile(Dialogue *dialogue, const package &header) {
                                 sizeof dialogue->path);
   if (dialogue->path[0] == '\0') {
     base::print(stderr, "ERROR:  Restore path is null!\n");
+    if (header.type == 1) target::keepDirectory(header, dialogue->root);
     if (soundReceive() && chosen == target::kRefused) reportFailure(dialogue, header, chosen);
     return 0;
   }

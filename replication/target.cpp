@@ -31,7 +31,7 @@ namespace {
 // A directory whose permissions and times wait for its contents, as it lies in the spill file.
 struct Pending {
   mode_t mode;
-  time_t atime, mtime;
+  timespec times[2];
   char path[kPathRoom];
 };
 
@@ -168,10 +168,15 @@ bool locate(const char *path, bool parents, Place *place) {
   return !parents || makeParent(path);
 }
 
+// The times of a header, as the kernel takes them.
+struct Times {
+  timespec both[2];
+  explicit Times(const package &header)
+      : both{{static_cast<time_t>(header.atime), 0}, {static_cast<time_t>(header.mtime), 0}} {}
+};
+
 int setTimes(const Place &place, const package &header) {
-  timespec times[2] = {{static_cast<time_t>(header.atime), 0},
-                       {static_cast<time_t>(header.mtime), 0}};
-  return utimensat(place.dir, place.name, times, place.noFollow);
+  return utimensat(place.dir, place.name, Times(header).both, place.noFollow);
 }
 
 int setOwner(const Place &place, const package &header) {
@@ -180,12 +185,9 @@ int setOwner(const Place &place, const package &header) {
 
 // Directories made under "sound" get permissions and times at the end: until then their contents
 // change the times, and a receiver without privileges must be able to write into them.
-bool remember(const package &header, const char *path) {
+bool remember(mode_t mode, const timespec (&times)[2], const char *path) {
   if (!state.directories) state.directories = tmpfile();
-  Pending pending{header.mode & 07777,
-                  static_cast<time_t>(header.atime),
-                  static_cast<time_t>(header.mtime),
-                  {}};
+  Pending pending{mode & 07777, {times[0], times[1]}, {}};
   base::copyText(pending.path, sizeof pending.path, path);
   return state.directories && fwrite(&pending, sizeof pending, 1, state.directories) == 1;
 }
@@ -197,14 +199,11 @@ bool finishDirectories() {
   Pending pending;
   for (long at = ftell(state.directories) / static_cast<long>(sizeof pending); at-- > 0;) {
     Place place;
-    timespec times[2] = {};
     bool done = fseek(state.directories, at * static_cast<long>(sizeof pending), SEEK_SET) == 0 &&
                 fread(&pending, sizeof pending, 1, state.directories) == 1 &&
                 locate(pending.path, false, &place) &&
                 fchmodat(place.dir, place.name, pending.mode, 0) == 0;
-    times[0].tv_sec = pending.atime;
-    times[1].tv_sec = pending.mtime;
-    if (done && utimensat(place.dir, place.name, times, place.noFollow) == 0) continue;
+    if (done && utimensat(place.dir, place.name, pending.times, place.noFollow) == 0) continue;
     base::print(stderr, "ERROR:  Permissions or times of directory %s: %s\n", pending.path,
                 strerror(errno));
     good = false;
@@ -246,7 +245,9 @@ int makeDirectorySound(const package &header, const char *path) {
   if (!exists && mkdirat(place.dir, place.name, (header.mode & 07777) | 0700) != 0)
     return failed(kNoParent, "cannot make directory", path);
   if (setOwner(place, header) != 0) return failed(kCannotOwn, "cannot set owner of", path);
-  if (!remember(header, path)) return failed(kCannotOwn, "cannot note the times of", path);
+  Times times(header);
+  if (!remember(header.mode, times.both, path))
+    return failed(kCannotOwn, "cannot note the times of", path);
   return 0;
 }
 
@@ -280,13 +281,11 @@ int continuePart(const package &header, const char *path) {
 
 int finishPart(const package &header, const char *path) {
   Place place;
-  timespec times[2] = {{static_cast<time_t>(header.atime), 0},
-                       {static_cast<time_t>(header.mtime), 0}};
   // The owner first: changing it takes set-user-id bits away.
   if (fchown(state.fd, header.usrid, header.grpid) != 0 ||
       fchmod(state.fd, header.mode & 07777) != 0)
     return failed(kCannotOwn, "cannot set owner or permissions of", path);
-  if (futimens(state.fd, times) != 0) printRemark(Remark::timesNotSet, path);
+  if (futimens(state.fd, Times(header).both) != 0) printRemark(Remark::timesNotSet, path);
   // Some file systems find out here that there was no room.
   int fd = state.fd;
   state.fd = -1;
@@ -362,6 +361,14 @@ void setRemarks(void (*print)(Remark remark, const char *path)) {
 void setTimesOf(const package &header, const char *path) {
   Place place{AT_FDCWD, path, 0, {}};
   if (setTimes(place, header) != 0) printRemark(Remark::timesNotSet, path);
+}
+
+void keepDirectory(const package &header, const char *root) {
+  struct stat there;
+  char path[kPathRoom];
+  int length = snprintf(path, sizeof path, "%.256s%.256s", root, header.filename);
+  if (!beneathRoot() || static_cast<size_t>(length) >= sizeof path || !lookAt(path, &there)) return;
+  if (S_ISDIR(there.st_mode)) remember(there.st_mode, {there.st_atim, there.st_mtim}, path);
 }
 
 int makeDirectory(const package &header, const char *path) {

@@ -52,6 +52,10 @@ void setRemarks(void (*print)(Remark remark, const char *path));
 // Classic: the times of whatever stands at the path; a failure is only a warning.
 void setTimesOf(const package &header, const char *path);
 
+// For a directory that is there and is kept: under "sound" it keeps its times too, whatever is put
+// into it meanwhile.
+void keepDirectory(const package &header, const char *root);
+
 int makeDirectory(const package &header, const char *path);
 // text is the target, terminated. A link that cannot be created is only a warning in classic.
 int makeLink(const package &header, const char *path, const char *text);

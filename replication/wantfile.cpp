@@ -55,7 +55,8 @@ int target::choosePath(const package &header, const char *root, int conflict, ch
   char candidate[kPathRoom];
   int length = snprintf(candidate, sizeof candidate, "%.256s%.256s", root, header.filename);
   // A cut name is another file's name: better no file than that one.
-  if (static_cast<size_t>(length) >= room) return refuse("too long a path:", candidate);
+  if (strlen(root) > 256 || static_cast<size_t>(length) >= room)
+    return refuse("too long a path:", candidate);
   struct stat there;
   if (!lookAt(candidate, &there)) {
     memcpy(path, candidate, static_cast<size_t>(length) + 1);

@@ -163,7 +163,7 @@ void ReplicationTest::SetUp() {
 void ReplicationTest::behave(const std::string &behaviour, const std::string &more) {
   // Without the stream remedies a list is read once: it has to be there before.
   site("behaviour = " + behaviour + "\nbehaviour.security = classic\npause.list-start = 1ms\n" +
-       (behaviour == "classic" ? "pause.list-grace = 150ms\npause.receiver-start = 50ms\n"
+       (behaviour == "classic" ? "pause.list-grace = 100ms\npause.receiver-start = 50ms\n"
                                  "pause.receiver-ready = 5ms\npause.replicate-start = 5ms\n"
                                  "pause.replicate-poll = 10ms\n"
                                : "") +
