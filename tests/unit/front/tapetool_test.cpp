@@ -167,21 +167,6 @@ TEST_F(TapeTool, ServerNeedsItsStatusFile) {
                       path("var/tape/jobids/tapeserv.stat") + ".  errno = 21\n");
 }
 
-TEST_F(TapeTool, RepclntAnswersTheEncryptionQuestionFirst) {
-  EXPECT_EQ(run("repclnt a 5 2"), 1);
-  EXPECT_EQ(said.find("Rep Flags=n\n"), 0u);
-  support::writeFile(path("etc/ZULkey"), "k");
-  support::writeFile(path("bin/libscram.so"), "l");
-  EXPECT_EQ(run("repclnt a 5 1"), 1);
-  EXPECT_EQ(said.find("Rep Flags=n\n"), 0u);
-  EXPECT_EQ(shouldEncrypt(2), 0);
-  EXPECT_EQ(run("repclnt a 5 2"), 1);
-  EXPECT_EQ(said.find("Rep Flags=e\n"), 0u);
-  EXPECT_EQ(shouldEncrypt(2), 1);
-  shouldEncrypt(0);
-  EXPECT_NE(said.find("ERROR:  ZUL restore/replication client error\n"), std::string::npos);
-}
-
 // Connects to the data port as soon as somebody listens there, and hangs up.
 void callAndHangUp() {
   sockaddr_in address{};
@@ -194,6 +179,54 @@ void callAndHangUp() {
     close(sd);
     return connected;
   });
+}
+
+class Repclnt : public TapeTool {
+ protected:
+  // One request whose sender hangs up at once; the exit status. encrypting is the switch behind it.
+  int receive(const std::string &line) {
+    std::string file = path("tmp/.stderr");
+    int status = inChild([&] {
+      support::ownNetwork();
+      (void)!freopen(file.c_str(), "w", stderr);
+      setvbuf(stderr, nullptr, _IONBF, 0);
+      std::thread caller(callAndHangUp);
+      char buffer[4096];
+      base::copyText(buffer, sizeof buffer, line.c_str());
+      int result = tapetool(buffer);
+      support::writeFile(path("tmp/switch"), std::to_string(shouldEncrypt(2)));
+      caller.join();
+      return result;
+    });
+    said = readFile(file);
+    encrypting = readFile(path("tmp/switch")) == "1";
+    return exitOf(status);
+  }
+  bool encrypting = false;
+};
+
+TEST_F(Repclnt, AnswersTheEncryptionQuestionFirst) {
+  site("pause.receiver-ready = 0\n");
+  EXPECT_EQ(receive("repclnt /nowhere 5 2"), 1);
+  EXPECT_EQ(said.find("Rep Flags=n\n"), 0u);
+  EXPECT_FALSE(encrypting);
+  support::writeFile(path("etc/ZULkey"), "k");
+  support::writeFile(path("bin/libscram.so"), "l");
+  EXPECT_EQ(receive("repclnt /nowhere 5 1"), 1);
+  EXPECT_EQ(said.find("Rep Flags=n\n"), 0u);
+  EXPECT_FALSE(encrypting);
+  EXPECT_EQ(receive("repclnt /nowhere 5 2"), 1);
+  EXPECT_EQ(said.find("Rep Flags=e\n"), 0u);
+  EXPECT_TRUE(encrypting);
+  EXPECT_NE(said.find("ERROR:  ZUL restore/replication client error\n"), std::string::npos);
+}
+
+TEST_F(Repclnt, RefusesToReceiveInClearWhatWasToBeEncrypted) {
+  site("behaviour.security = sound\n");
+  EXPECT_EQ(run("repclnt /nowhere 5 2"), 1);
+  EXPECT_EQ(
+      said,
+      "Rep Flags=n\nERROR:  Encryption is asked for, and there is no key or no library here\n");
 }
 
 TEST_F(TapeTool, ResclntMovesEveryMessageIntoItsLog) {
