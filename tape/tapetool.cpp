@@ -75,7 +75,7 @@ void logToStatus() {
 // A follower that looks right after the acceptance must not take the record of an earlier run for
 // this one's.
 void forgetEarlierRun(const char *status) {
-  char record[base::kPathMax];
+  char record[base::kPathMax + 16];
   snprintf(record, sizeof record, "%s.progress", status);
   unlink(record);
 }
