@@ -24,8 +24,9 @@ constexpr const char *kAreaNames[kAreas] = {"stream", "backup",    "restore",  "
 
 // Keys that carry a value of their own.
 constexpr const char *kValueKeys[] = {
-    "multicast.sender",     "multicast.interface", "multicast.ttl",    "multicast.drain",
-    "multicast.idle-limit", "fanout.answer-limit", "fanout.nodes-may", "replication.silence"};
+    "multicast.sender",    "multicast.interface",  "multicast.ttl",
+    "multicast.drain",     "multicast.idle-limit", "multicast.patience",
+    "fanout.answer-limit", "fanout.nodes-may",     "replication.silence"};
 constexpr int kValues = sizeof kValueKeys / sizeof kValueKeys[0];
 
 bool loaded = false;

@@ -333,6 +333,8 @@ int repClientStart(void) {
     return shmid < 0 ? shmid : -1;
   }
   memset(area, 0, MR_RECV_AREA);
+  // Attached as it is, the area goes with its last process, even if all of them are killed.
+  if (mrepl::soundRun()) rmShMem(shmid);
   if (mrepl::debugging())
     base::print(fplog, "DEBUG:  Allocated %li bytes\n", static_cast<long>(MR_RECV_AREA));
   sockaddr_in group, sender;

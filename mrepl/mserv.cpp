@@ -314,6 +314,8 @@ int repServStart(MreplJobData *job) {
     return shmid < 0 ? shmid : -1;
   }
   prepareArea(ctrl, ring);
+  // Attached as it is, the area goes with its last process, even if all of them are killed.
+  if (mrepl::soundRun()) rmShMem(shmid);
   sockaddr_in requestAddress, group;
   char groupText[] = MR_GROUP;
   base::Fd requests(mkUDPListenerSocket(MR_REQ_PORT, &requestAddress));

@@ -5,15 +5,16 @@
 #include <zul/host.h>
 
 #include "base/log.h"
+#include "base/site.h"
 #include "base/text.h"
 
 namespace mrepl {
 
 namespace {
 
-constexpr long long kJoinMs = 10000;    // from the start of the run to the first report
-constexpr long long kSilentMs = 10000;  // reports come many times a second
-constexpr long long kStillMs = 60000;   // a disk that takes nothing
+// For the first report, and between two: reports come many times a second.
+constexpr int kPatienceMs = 10000;
+constexpr long long kStillMs = 60000;  // a disk that takes nothing
 
 bool waitedFor(const Receiver &receiver) {
   return receiver.state == ReceiverState::expected || receiver.state == ReceiverState::served;
@@ -104,10 +105,10 @@ void Receivers::ended(Number end) {
 }
 
 void Receivers::giveUp(long long nowMs) {
+  int patience = base::siteLength("multicast.patience", kPatienceMs);
   for (int at = 0; at < count_; at++) {
     Receiver &each = list_[at];
     if (!waitedFor(each)) continue;
-    long long patience = each.joined ? kSilentMs : kJoinMs;
     if (nowMs - each.heardMs < patience && nowMs - each.movedMs < kStillMs) continue;
     each.state = ReceiverState::lost;
     char text[INET_ADDRSTRLEN];

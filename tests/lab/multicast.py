@@ -9,7 +9,7 @@ import os
 import random
 import subprocess
 
-from lab import eventually
+from lab import ZUL, eventually
 
 KEEP_ALL = 4096 + 8192 + 16384
 
@@ -53,14 +53,9 @@ class Site:
 
     def begin(self, job):
         """The run in the background."""
-        return subprocess.Popen(self.sender.command(os.environ.get("ZUL", self.zul), "--home", self.sender.home, "request",
+        return subprocess.Popen(self.sender.command(ZUL, "--home", self.sender.home, "request",
                                                     f"MREPL replicate {job}"),
                                 stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
-
-    @property
-    def zul(self):
-        from lab import ZUL
-        return ZUL
 
     def arrived(self, host, path):
         return host.inbox + path

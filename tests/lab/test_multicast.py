@@ -1,10 +1,14 @@
 """Multicast runs from one host to several."""
 import os
+import signal
+import subprocess
+import sys
+import time
 
 import pytest
 
 from jobs import nothing_left
-from lab import eventually
+from lab import ZUL, eventually
 from multicast import Site, difference, make_files, receivers_on
 
 
@@ -12,6 +16,7 @@ def prepared(make_lab, receivers, behaviour="sound", **files):
     site = Site(make_lab(receivers + 1, behaviour))
     site.tree = site.sender.tree
     make_files(site.tree, 5, **files)
+    site.sender.settings("multicast.patience = 3s")
     site.start()
     site.define(3, [site.tree + "/"])
     return site
@@ -34,3 +39,187 @@ def test_a_tree_reaches_all_receivers_whatever_is_lost(make_lab, loss):
     everything_arrived(site)
     assert not os.path.exists("/etc/zul-trap")
     nothing_left(site.lab.hosts)
+
+
+@pytest.mark.slow
+@pytest.mark.parametrize("receivers, loss", [(4, 20), (16, 0), (16, 1), (16, 5), (16, 20)])
+def test_a_large_tree_reaches_many_receivers_over_a_bad_network(make_lab, receivers, loss):
+    site = prepared(make_lab, receivers, count=4000, big=(300 << 20,))
+    site.lose(loss)
+    done = site.run(3, timeout=1500)
+    assert "incomplete" not in done.stdout + done.stderr
+    everything_arrived(site)
+    nothing_left(site.lab.hosts)
+
+
+def started(site, job=3):
+    """A run in the background whose receivers have begun to write."""
+    run = site.begin(job)
+    for host in site.receivers:
+        eventually(lambda: os.path.isdir(site.arrived(host, site.tree)), 20, f"{host.name} receives")
+    return run
+
+
+def test_a_receiver_killed_midway_is_named_and_holds_up_nobody(make_lab):
+    site = prepared(make_lab, 3, count=100, big=(60 << 20,))
+    run = started(site)
+    victim, *others = site.receivers
+    victim.kill(*receivers_on(victim))
+    output = run.communicate(timeout=60)[0]
+    assert f"Receiver {victim.name}: incomplete" in output
+    for host in others:
+        assert f"Receiver {host.name}: complete" in output
+    everything_arrived(site, others)
+    assert site.record(victim)["state"] == "running", "a killed receiver says nothing"
+
+
+@pytest.mark.parametrize("process", ["getter", "extracter"])
+def test_when_one_process_of_a_receiver_is_killed_the_other_ends(make_lab, process):
+    site = prepared(make_lab, 1, count=100, big=(60 << 20,))
+    run = started(site)
+    victim = site.receivers[0]
+    # The getter is the request's own process, the extracter its child.
+    pids = sorted(receivers_on(victim))
+    victim.kill(pids[-1] if process == "extracter" else pids[-2])
+    assert f"Receiver {victim.name}: incomplete" in run.communicate(timeout=60)[0]
+    nothing_left(site.lab.hosts, 30)
+    part = [name for top, _, names in os.walk(victim.inbox) for name in names if ".zulpart" in name]
+    assert process == "extracter" or part == []
+
+
+def test_receivers_end_by_themselves_when_the_sender_is_killed(make_lab):
+    site = prepared(make_lab, 2, count=100, big=(60 << 20,))
+    for host in site.receivers:
+        host.settings("multicast.idle-limit = 2s")
+    run = started(site)
+    site.sender.kill(*receivers_on(site.sender))
+    run.communicate(timeout=30)
+    for host in site.receivers:
+        eventually(lambda: site.ended(host), 30, f"{host.name} gives up")
+        assert site.record(host)["state"] == "incomplete"
+        assert any(failure["name"].endswith("big0") for failure in site.record(host)["failures"])
+        assert not os.path.exists(site.arrived(host, os.path.join(site.tree, "big0")))
+    nothing_left(site.lab.hosts, 30)
+
+
+def test_the_packer_killed_ends_the_run(make_lab):
+    site = prepared(make_lab, 2, count=100, big=(60 << 20,))
+    run = started(site)
+    # The request's process is the data sender, its child the packer.
+    site.sender.kill(max(receivers_on(site.sender)))
+    run.communicate(timeout=60)
+    for host in site.receivers:
+        eventually(lambda: site.ended(host), 30, f"{host.name} ends")
+        assert site.record(host)["failures"][0]["name"].endswith("big0")
+    nothing_left(site.lab.hosts, 30)
+
+
+def test_a_receiver_that_stands_still_for_seconds_completes(make_lab):
+    site = prepared(make_lab, 3, count=100, big=(60 << 20,))
+    site.lose(1)
+    run = started(site)
+    sleeper = site.receivers[0]
+    pids = receivers_on(sleeper)
+    for pid in pids:
+        os.kill(pid, signal.SIGSTOP)
+    # For a while nothing changes there: that is what is tested, so this waits by the clock.
+    size = lambda: sum(os.path.getsize(os.path.join(top, name)) for top, _, names in os.walk(sleeper.inbox) for name in names)
+    before, until = size(), time.monotonic() + 4
+    eventually(lambda: time.monotonic() > until, 10)
+    assert size() == before
+    for pid in pids:
+        os.kill(pid, signal.SIGCONT)
+    assert "incomplete" not in run.communicate(timeout=60)[0]
+    everything_arrived(site)
+
+
+def test_a_receiver_that_starts_late_gets_everything(make_lab):
+    site = prepared(make_lab, 2, count=300, big=(20 << 20,))
+    site.define(-99, [site.tree + "/"])
+    early, late = site.receivers
+    first = begin_receiver(early)
+    run = site.begin(-99)
+    eventually(lambda: site.record(early).get("state") == "running", 20)
+    eventually(lambda: os.path.isdir(site.arrived(early, site.tree)), 20)
+    second = begin_receiver(late)
+    output = run.communicate(timeout=60)[0]
+    assert "incomplete" not in output and "never joined" not in output, output
+    everything_arrived(site)
+    for request in (first, second):
+        request.communicate(timeout=30)
+
+
+def test_a_host_that_never_joins_is_named_and_the_others_complete(make_lab):
+    site = prepared(make_lab, 3, count=50, big=(20 << 20,))
+    dead, *others = site.receivers
+    dead.stop()
+    output = site.run(3)
+    assert f"Receiver {dead.name}: never joined" in output.stdout + output.stderr
+    everything_arrived(site, others)
+    nothing_left([site.sender, *others])
+
+
+def test_a_full_disk_costs_the_files_that_do_not_fit(make_lab):
+    site = prepared(make_lab, 2, count=100, big=(30 << 20,))
+    small, other = site.receivers
+    small.run("mount", "-t", "tmpfs", "-o", "size=8m", "none", site.prefix)
+    output = site.run(3)
+    assert output.returncode == 0
+    everything_arrived(site, [other])
+    record = site.record(small)
+    assert record["state"] == "incomplete"
+    assert [os.path.basename(failure["name"]) for failure in record["failures"]] == ["big0"]
+    assert "No space left" in record["failures"][0]["error"]
+    assert small.run("ls", os.path.join(site.prefix + site.tree, "d0", "f0"))
+    nothing_left(site.lab.hosts)
+
+
+def test_strangers_neither_add_to_a_run_nor_disturb_it(make_lab):
+    lab = make_lab(4)
+    site = Site(lab)
+    stranger = site.receivers.pop()
+    site.tree = site.sender.tree
+    make_files(site.tree, 6, 200, big=(20 << 20,))
+    site.start()
+    site.define(3, [site.tree + "/"])
+    noise = subprocess.Popen(stranger.command(sys.executable, os.path.join(os.path.dirname(__file__), "forger.py"),
+                                              site.sender.address))
+    output = site.run(3)
+    assert noise.poll() is None, "the stranger was there all the time"
+    noise.kill()
+    noise.wait()
+    assert "incomplete" not in output.stdout + output.stderr
+    everything_arrived(site)
+    assert not os.path.exists(site.prefix + "/forged") and not os.path.exists("/tmp/zul-forged")
+
+
+def test_a_second_run_on_the_same_host_is_refused(make_lab):
+    site = prepared(make_lab, 1, count=20, big=(40 << 20,))
+    site.define(-99, [site.tree + "/"])
+    run = started(site)
+    again = site.run(-99)
+    assert "ERROR: Failed to get listener socket. retval = -2" in again.stdout + again.stderr
+    assert "incomplete" not in run.communicate(timeout=60)[0]
+    everything_arrived(site)
+
+
+def test_an_earlier_run_does_not_disturb_the_next(make_lab):
+    site = prepared(make_lab, 2, count=50, big=(40 << 20,))
+    run = started(site)
+    site.sender.kill(*receivers_on(site.sender))
+    run.communicate(timeout=30)
+    # Its receivers wait for it still; new ones are started beside them.
+    assert all(receivers_on(host) for host in site.receivers)
+    site.tree += "2"
+    make_files(site.tree, 9, 50, big=(20 << 20,))
+    site.define(3, [site.tree + "/"])
+    output = site.run(3)
+    for host in site.receivers:
+        assert f"Receiver {host.name}: complete" in output.stdout + output.stderr
+        assert difference(site.tree, site.arrived(host, site.tree)) == []
+        host.kill(*receivers_on(host))
+
+
+def begin_receiver(host):
+    return subprocess.Popen(host.command(ZUL, "--home", host.home, "request", "MREPL mrepclnt 1234567890"),
+                            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
