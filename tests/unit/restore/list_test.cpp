@@ -102,6 +102,32 @@ TEST_F(RestoreList, LongNamesAreCutInClassicAndKeptUnderSound) {
   EXPECT_EQ(made("1\n", "1:alpha:0:" + name + "\n"), "#host=alpha\n" + name + "\n");
 }
 
+TEST_F(RestoreList, NumbersOfAnotherHostAndNumbersOfNothingAreNamedAndPassedOverUnderSound) {
+  soundSite();
+  EXPECT_EQ(made("1\n2\n3\n5\n9\n", "1:a:0:/1\n2:b:0:/2\n3:a:0:/3\n4:a:0:/4\n6:a:0:/6\n"),
+            "#host=a\n/1\n/3\n");
+  EXPECT_EQ(said,
+            "WARNING:  Entry 2 is not restored: it is of another host\n"
+            "WARNING:  Entry 5 is not restored: there is none on this volume\n"
+            "WARNING:  Entry 9 is not restored: there is none on this volume\n");
+}
+
+TEST_F(RestoreList, AnEntryWithinAWantedTreeEndsTheTreeInClassicOnly) {
+  const char *volume = "1:a:0:/x/\n2:a:0:/x/1\n3:a:0:/x/2\n4:a:0:/x/3\n5:a:0:/y\n";
+  EXPECT_EQ(made("1\n3\n", volume), "/x/\n/x/1\n/x/2\n");
+  soundSite();
+  EXPECT_EQ(made("1\n3\n", volume), "#host=a\n/x/\n/x/1\n/x/2\n/x/3\n");
+}
+
+TEST_F(RestoreList, NothingSelectedIsAFailureUnderSound) {
+  EXPECT_EQ(made("7\n", "1:a:0:/1\n"), "");
+  EXPECT_EQ(result, 0);
+  soundSite();
+  made("7\n", "1:a:0:/1\n");
+  EXPECT_EQ(result, -1);
+  EXPECT_NE(said.find("ERROR:  Nothing of the selection is on this volume: "), std::string::npos);
+}
+
 TEST_F(RestoreList, AMalformedLineIsNamedAndPassedOver) {
   EXPECT_EQ(made("1\n", "nonsense\n1:a:0:/x\n"), "/x\n");
   std::string text = "ERROR:  8109  Cannot open restore list file: nonsense\n";
@@ -166,6 +192,11 @@ TEST_F(RestoreList, WhatMatchesNothingIsNamed) {
   EXPECT_EQ(
       said,
       "WARNING:  Not \"host:path\", ignored: bad line\nWARNING:  Not on this volume: c:/none\n");
+}
+
+TEST_F(RestoreList, ANameThatIsWantedTwiceIsLookedForOnce) {
+  EXPECT_EQ(selected("b:/etc/passwd\nb:/etc/passwd\n", kThreeHosts), "#host=b\n/etc/passwd\n");
+  EXPECT_EQ(said, "");
 }
 
 TEST_F(RestoreList, ASelectionThatMatchesNothingAtAllFails) {

@@ -12,6 +12,7 @@
 #include <zul/replication.h>
 #include <zul/tape.h>
 
+#include <filesystem>
 #include <thread>
 #include <vector>
 
@@ -187,6 +188,14 @@ TEST_P(Receive, DevicesAndTheVanishedCreateNothing) {
     EXPECT_EQ(take(headerOf("/n", type), "", "/n"), 0);
     EXPECT_FALSE(exists(root + "/n"));
   }
+}
+
+TEST_P(Receive, OtherKindsSetTheTimesOfWhatIsThereInClassicOnly) {
+  writeFile(root + "/n", "there");
+  EXPECT_EQ(take(headerOf("/n", 5), "", "/n"), 0);
+  EXPECT_EQ(statOf(root + "/n").st_mtime == 1000000000, !sound());
+  EXPECT_EQ(take(headerOf("/none", 5), "", "/none"), 0);
+  EXPECT_EQ(said, sound() ? "" : "Warning cannot set file time \n");
 }
 
 class SoundReceive : public Receive {};
@@ -402,6 +411,57 @@ TEST_F(Agent, AFileThatCannotBeMadeCostsOnlyItselfUnderSound) {
   EXPECT_EQ(run({{headerOf("/a", 0, 2), "aa"}, {headerOf("/b", 0, 1), "b"}}, 4), -4);
   EXPECT_EQ(readFile(path("dest/b")), "b");
   EXPECT_NE(asked.find("Failed -3 "), std::string::npos);
+}
+
+TEST_F(Agent, AParentThatCannotBeMadeCostsOnlyItsFileUnderSound) {
+  site("behaviour = sound\nbehaviour.security = classic\n");
+  writeFile(path("dest/d"), "a file");
+  EXPECT_EQ(
+      run({{headerOf("/d/a", 0, 2), "aa"}, {headerOf("/d/e/", 1), ""}, {headerOf("/b", 0, 1), "b"}},
+          4),
+      -4);
+  EXPECT_EQ(readFile(path("dest/b")), "b");
+  EXPECT_EQ(readFile(path("dest/d")), "a file");
+  EXPECT_NE(asked.find("Failed -4 "), std::string::npos);
+}
+
+TEST_F(Agent, ANameThatClimbsOutIsToldAsAFailureUnderSound) {
+  site("behaviour = sound\nbehaviour.security = classic\n");
+  EXPECT_EQ(run({{headerOf("/../b", 0, 1), "x"}, {headerOf("/b", 0, 1), "b"}}, 4), -4);
+  EXPECT_EQ(
+      asked,
+      "Next\nFailed -13 a name that leads outside: /../b: Invalid argument\nNext\nGet\nNext\n");
+  EXPECT_FALSE(exists(path("b")));
+}
+
+TEST_F(Agent, PackagesThatDoNotFollowEachOtherMakeNoFileUnderSound) {
+  site("behaviour = sound\nbehaviour.security = classic\n");
+  std::string mib(PACK_CHUNK, 'm');
+  uint64_t size = 2 * PACK_CHUNK + 1;
+  writeFile(path("dest/f"), "precious");
+  // The second package is missing; then one of another file comes behind a first one.
+  EXPECT_EQ(run({{headerOf("/f", 0, size, 0), mib}, {headerOf("/f", 0, size, 2), "x"}}, 4), -4);
+  EXPECT_EQ(readFile(path("dest/f")), "precious");
+  EXPECT_EQ(run({{headerOf("/f", 0, size, 0), mib}, {headerOf("/g", 0, size, 1), mib}}, 4), -4);
+  EXPECT_EQ(readFile(path("dest/f")), "precious");
+  EXPECT_NE(asked.find("a part is missing of"), std::string::npos);
+}
+
+TEST_F(Agent, AFileCanHaveTheNameOfAPart) {
+  site("behaviour = sound\nbehaviour.security = classic\n");
+  EXPECT_EQ(run({{headerOf("/.zulpart", 0, 1), "p"}, {headerOf("/b", 0, 1), "b"}}, 4), 0);
+  EXPECT_EQ(readFile(path("dest/.zulpart")), "p");
+}
+
+TEST_F(Agent, WhatIsThereIsLookedAtBeneathTheRootUnderSound) {
+  site("behaviour = sound\nbehaviour.security = classic\n");
+  // Beneath the root this link leads to a folder of the root, where there is no such file.
+  writeFile(path("f"), "outside");
+  std::filesystem::create_directories(path("dest" + home));
+  ASSERT_EQ(symlink(home.c_str(), path("dest/d").c_str()), 0);
+  EXPECT_EQ(run({{headerOf("/d/f", 0, 3), "new"}}, 1), 0);
+  EXPECT_EQ(readFile(path("f")), "outside");
+  EXPECT_EQ(readFile(path("dest" + home + "/f")), "new");
 }
 
 TEST_F(Agent, AFullDiskCostsTheFileAndSaysSoUnderSound) {
