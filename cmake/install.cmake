@@ -14,7 +14,7 @@ install(FILES packaging/zul.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-compl
 install(FILES docs/man/zul.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES docs/man/ZULd.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 install(FILES README.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
-install(DIRECTORY docs/formats docs/protocols DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY docs/formats docs/protocols docs/examples DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 set(CPACK_PACKAGE_NAME zul)
 set(CPACK_PACKAGE_VENDOR "The ZUL team")

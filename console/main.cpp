@@ -7,6 +7,8 @@
 #include <filesystem>
 
 #include "console/commands.h"
+#include "console/manyhosts.h"
+#include "console/replication.h"
 #include "console/text.h"
 
 // The drive code is written for a process that hosts the module and finds the home through these.
@@ -413,6 +415,8 @@ void addEverything(CLI::App &app, CommandLine &line) {
   addTapes(app, line);
   addVtape(app, line);
   addUsers(app, line);
+  addReplication(app, [&line] { return targetOf(line); }, line.run);
+  addManyHosts(app, [&line] { return targetOf(line); }, line.run);
   addKey(app, line);
   app.footer(
       "First steps:\n"

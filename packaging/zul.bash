@@ -25,7 +25,7 @@ _zul() {
   for ((at = 1; at < COMP_CWORD; at++)); do
     case ${COMP_WORDS[at]} in
       --home | --host | --user | --password-file | --size | --secret | --module | --log | --upload | \
-        --since | --wait | --drive | --role | --new-password-file | --tape | --volume | --job | --as-of | \
+        --since | --wait | --timeout | --drive | --role | --new-password-file | --tape | --volume | --job | --as-of | \
         --from | --to | --into | --conflict) ((at++)) ;;
       -*) ;;
       *) if [[ -z $command ]]; then command=${COMP_WORDS[at]}; elif [[ -z $part ]]; then part=${COMP_WORDS[at]}; fi ;;
@@ -40,17 +40,18 @@ _zul() {
       mapfile -t COMPREPLY < <(compgen -W 'keep-both if-different always if-newer never' -- "$word"); return ;;
     --drive) [[ $command == vtape ]] || return; mapfile -t COMPREPLY < <(compgen -W "$(_zul_names drives)" -- "$word"); return ;;
     --into) mapfile -t COMPREPLY < <(compgen -d -- "$word"); return ;;
-    --host | --user | --size | --since | --wait | --tape | --volume | --job | --as-of | --from | --to) return ;;
+    --host | --user | --size | --since | --wait | --timeout | --tape | --volume | --job | --as-of | --from | --to) return ;;
   esac
 
   local words=''
   case $command in
-    '') words='init up down request console get put follow restore verify status jobs ps vtape users key'
+    '') words='init up down request console get put follow restore verify status jobs ps vtape users key fanout multicast'
         [[ $word == -* ]] && words="--version $globals" ;;
     init) words='--classic --force --size --no-drive --secret --module' ;;
     up) words='--log' ;;
     request) words='--follow --upload' ;;
     follow) words='--replication --json --plain --since --wait' ;;
+    fanout) words='--timeout --json' ;;
     restore) words='--drive --tape --volume --job --as-of --from --to --into --conflict --all --yes --json' ;;
     verify) words='--drive --tape --volume --job --as-of --json' ;;
     status | jobs | ps) words='--json' ;;
@@ -67,6 +68,11 @@ _zul() {
       case $part in
         '') words='add del list' ;;
         add) words='--role --new-password-file' ;;
+      esac ;;
+    multicast)
+      case $part in
+        '') words='job' ;;
+        job) words='put get list remove --json'; [[ $before == job ]] || { mapfile -t COMPREPLY < <(compgen -W --json -f -- "$word"); return; } ;;
       esac ;;
     key)
       case $part in

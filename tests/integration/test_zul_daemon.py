@@ -311,7 +311,7 @@ def commands(*words):
 def every_command():
     for name in commands():
         yield name
-        if name in ("vtape", "users", "key"):
+        if name in ("vtape", "users", "key", "multicast"):
             yield from (f"{name} {part}" for part in commands(name))
 
 
@@ -359,7 +359,7 @@ def test_completion_knows_every_command_and_option():
     assert set(complete("zul ")) >= set(commands())
     for name in commands():
         assert set(complete(f"zul {name} --")) >= options(name), name
-    for name in ("vtape", "users", "key"):
+    for name in ("vtape", "users", "key", "multicast"):
         assert set(complete(f"zul {name} ")) == set(commands(name))
     assert complete("zul fol") == ["follow"]
     assert complete("zul --home /x vt") == ["vtape"]
