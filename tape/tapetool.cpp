@@ -20,6 +20,7 @@
 #include "base/process.h"
 #include "base/site.h"
 #include "base/text.h"
+#include "replication/preview.h"
 #include "replication/replicate.h"
 #include "tape/verify.h"
 
@@ -120,6 +121,9 @@ int runVerify(char *rest) {
 int runReplicate(char *rest) {
   return fold(goReplicate(rest));
 }
+int runPreview(char *rest) {
+  return fold(replication::preview(base::decimal(rest)));
+}
 
 int runRestore(char *rest) {
   if (goRestore(rest) == 0) return 0;
@@ -144,11 +148,12 @@ struct Command {
 };
 
 constexpr Command kCommands[] = {
-    {"get", runGet},       {"add", runAdd},           {"mod", runMod},
-    {"del", runDel},       {"backup", runBackup},     {"restore", runRestore},
-    {"server", runServer}, {"resclnt", runResclnt},   {"repclnt", runRepclnt},
-    {"rsync", runRsync},   {"jsync", runJsync},       {"replicate", runReplicate},
-    {"verify", runVerify}, {"version", printVersion}, {"funtest", runFuntest},
+    {"get", runGet},         {"add", runAdd},         {"mod", runMod},
+    {"del", runDel},         {"backup", runBackup},   {"restore", runRestore},
+    {"server", runServer},   {"resclnt", runResclnt}, {"repclnt", runRepclnt},
+    {"rsync", runRsync},     {"jsync", runJsync},     {"replicate", runReplicate},
+    {"verify", runVerify},   {"preview", runPreview}, {"version", printVersion},
+    {"funtest", runFuntest},
 };
 
 }  // namespace
