@@ -287,6 +287,18 @@ def test_a_job_ends_where_its_records_do(job):
                              "ERROR:  8307  Fatal error.  Aborting backup.\n")
 
 
+def test_a_job_without_shared_memory_takes_its_volume_back(job, agent):
+    none_left = "echo 0 > /proc/sys/kernel/shmmni && exec \"$@\""
+    said = job.call("int goBackup", "7", "0", inside=["unshare", "-i", "sh", "-c", none_left, "sh"])
+    assert said.result == -999
+    lines = said.log.splitlines()[-4:]
+    assert lines[0] == "ERROR:  8325  Function shmget failed!  errno = 28"
+    assert lines[1].startswith("ERROR:  8326  Function shmat failed!  Unable to get pointer to shared memory.  errno = ")
+    assert lines[2].startswith("ERROR:  8311  Fatal error.  Failed to allocate shared memory buffer.  errno = ")
+    assert lines[3] == "ERROR:  8330  Backup failed, attempting to revert to previous catalog."
+    assert job.read("var/tape/drive.0/tape.0/catalog") == b""
+
+
 def test_a_folder_in_the_place_of_the_list_spoils_a_catalog_in_classic_only(job, agent):
     os.unlink(job.path("var/tape/jobids/7"))
     os.mkdir(job.path("var/tape/jobids/7"))
@@ -334,10 +346,13 @@ def test_the_gathering_phase_alone(job, agent):
 
 def test_a_request_runs_a_job_from_the_console_to_its_end(job, agent):
     gatherer = Gatherer([framed(b"/etc/a", b"x")])
-    said = job.call("int tapetool", "backup 7 0")
+    said = job.call("int tapetool", "backup 7 5 and more")
     assert said.status == 0
     assert said.err == "Creating a a background process\nSee the backup logs for status\nTRANSFER OK\n"
     eventually(lambda: said.results == ["tapetool 0"], 20, "the end of the job")
     gatherer.close()
     assert "Completed backup job# 7 at " in job.text("var/tape/jobids/7.status")
     assert len(tape_files(job.image)) == 3
+    # The rest of the line is the level, and reads as its number; classic hands it on as a time.
+    assert struct.unpack_from("<i", job.read("var/tape/bhistory"), 56) == (5,)
+    assert agent.requests[-1] == ("TAPE server 7 5\n" if job.behaviour == "classic" else "TAPE server 7 0\n")

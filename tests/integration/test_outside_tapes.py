@@ -476,6 +476,37 @@ def test_what_goes_wrong_with_tapes_is_said(outside):
     assert said.hostlog.endswith("WARNING:  No tape devices available\n")
 
 
+def named(name):
+    """Runs a host under another name, of its own UTS namespace."""
+    return ["unshare", "-u", "sh", "-c", f"hostname {name} && exec \"$@\"", "sh"]
+
+
+def test_the_name_of_this_host_has_its_room(outside):
+    outside.write("etc/tapedevs", "0:file:/srv/x:a:b:\n")
+    os.makedirs(outside.path("var/tape/drive.0"))
+    said = outside.call("int addTape", "0:1:2:3:lab", inside=named("n" * 60))
+    assert (said.result, said.hostlog) == (-1, "ERROR:  8013  Cannot get hostname\n")
+    assert said.err == "Drive num = 0\nDrive path = /srv/x\nERROR:  8013  Cannot get hostname\n"
+    assert not outside.exists("var/tape/drive.0/tape.0")
+    header_file = outside.write("tmp/header", bytes(520))
+    said = outside.call("int getFileData", "/", Buffer(header_file), None, inside=named("m" * 64))
+    assert (said.result, outside.read("tmp/header")[316:380]) == (0, b"m" * 63 + b"\0")
+
+
+@pytest.mark.parametrize("limit, text", [
+    # Folders that nobody may enter, and files of 512 bytes at most.
+    (["setpriv", "--inh-caps=-all", "--bounding-set=-all", "sh", "-c", "umask 777; exec \"$@\"", "sh"],
+     "8016  Cannot make tape catalog header: {}"),
+    (["sh", "-c", "trap '' XFSZ; ulimit -f 1; exec \"$@\"", "sh"], "8017  Cannot write tape catalog header: {}"),
+], ids=["closed", "full"])
+def test_a_header_that_cannot_be_written_is_named(outside, limit, text):
+    outside.write("etc/tapedevs", "0:file:/srv/x:a:b:\n")
+    os.makedirs(outside.path("var/tape/drive.0"))
+    said = outside.call("int addTape", "0:1:2:3:lab", inside=limit)
+    text = "ERROR:  " + text.format(outside.path("var/tape/drive.0/tape.0/header")) + "\n"
+    assert (said.result, said.hostlog, said.err.splitlines(keepends=True)[-1]) == (-1, text, text)
+
+
 def test_a_tape_is_deleted_by_the_host(outside):
     said = outside.call("int delTape", "0 3")
     assert (said.result, said.trace) == (0, [f"-rf {outside.path('var/tape/drive.0/tape.3')} 1"])

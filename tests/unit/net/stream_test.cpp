@@ -13,8 +13,10 @@
 #include <thread>
 
 #include "base/pause.h"
+#include "net/gatherchild.h"
 #include "net/stream.h"
 #include "netsupport.h"
+#include "tape/tapeio.h"
 
 namespace {
 
@@ -27,6 +29,19 @@ std::string pattern(size_t bytes) {
   std::string text(bytes, '\0');
   for (size_t at = 0; at < bytes; at++) text[at] = static_cast<char>(at * 7 + at / 251);
   return text;
+}
+
+// Lowered elsewhere in these tests; installed peers count on them.
+TEST_F(Stream, TheLimitsOfSilenceAreTheseLengths) {
+  EXPECT_EQ(net::timeouts.streamMs, 60000);
+  EXPECT_EQ(net::timeouts.lineMs, 30000);
+  EXPECT_EQ(net::timeouts.connectS, 8);
+  EXPECT_EQ(net::timeouts.stepMs, 300000);
+  EXPECT_EQ(net::timeouts.fileMs, 600000);
+  EXPECT_EQ(net::timeouts.startMs, 10000);
+  EXPECT_EQ(net::gatherLimits.stepS, 300);
+  EXPECT_EQ(net::gatherLimits.takenMs, 100000);
+  EXPECT_EQ(tape::readLimitMs, 60000);
 }
 
 TEST_F(Stream, WritenWritesTheWholeBuffer) {
