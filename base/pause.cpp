@@ -12,8 +12,8 @@ namespace {
 
 struct Row {
   const char *name;
-  int stated;
-  int sound;  // -1: the stated value holds in both behaviours
+  int classic;
+  int sound;  // -1: the classic value holds in both behaviours
 };
 
 // In the order of the enumeration.
@@ -38,7 +38,7 @@ int pauseLength(Pause pause) {
   int at = static_cast<int>(pause);
   if (configured[at] > 0) return configured[at] - 1;
   const Row &row = kRows[at];
-  return readiness && row.sound >= 0 ? row.sound : row.stated;
+  return readiness && row.sound >= 0 ? row.sound : row.classic;
 }
 
 void pauseFor(Pause pause) {

@@ -1,4 +1,4 @@
-// Every fixed pause and polling interval of the module, named, with its stated value.
+// Every fixed pause and polling interval of the module, named, with its classic length.
 //
 // A pause is time given to another process to get ready. Where the area "pace" is sound, readiness
 // is looked for instead and the pause is gone (its sound length is 0, or the interval of the look).

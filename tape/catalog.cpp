@@ -265,7 +265,7 @@ bool isBelow(const Listing &listing, char *name, char *&rest) {
   rest = name + listing.directoryLength;
   // "/home" itself, entered without its '/'.
   if (rest[0] == '\0') return true;
-  // "/homework" is no part of "/home", though the stated rule shows its "ork" there.
+  // "/homework" is no part of "/home", though classic shows its "ork" there.
   if (rest[0] != '/' && base::sound(base::Area::restore)) return false;
   rest++;
   return true;

@@ -28,8 +28,8 @@ struct GroupPath : base::HomePath {
 
 // The characters of a member's name that count. A longer name would be cut, and name another host
 // or none.
-size_t nameWidth(size_t stated) {
-  return base::sound(base::Area::stores) ? 63 : stated;
+size_t nameWidth(size_t classic) {
+  return base::sound(base::Area::stores) ? 63 : classic;
 }
 
 int rewriteGroups(base::Store &table, stores::TableChange &change) {

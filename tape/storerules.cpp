@@ -92,10 +92,10 @@ bool entryRefused(const char *entry, size_t most) {
   return true;
 }
 
-size_t lineLimit(size_t stated) {
+size_t lineLimit(size_t classic) {
   // The second piece of a longer line would be taken for a line of its own, and be changed or
   // refused as one.
-  return base::sound(base::Area::stores) ? base::LineReader::kNoLimit : stated;
+  return base::sound(base::Area::stores) ? base::LineReader::kNoLimit : classic;
 }
 
 int notWritten(const base::Store &store) {

@@ -16,8 +16,8 @@ bool keyRefused(const char *number);
 // with a line feed in it.
 bool entryRefused(const char *entry, size_t most);
 
-// How long a line is read at a time: stated characters.
-size_t lineLimit(size_t stated);
+// How long a line is read at a time: classic characters, or whole.
+size_t lineLimit(size_t classic);
 
 // Says that a store was opened but not written, where the store has no message of its own for it.
 // Always -1.

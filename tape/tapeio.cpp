@@ -296,7 +296,7 @@ bool readPiece(int fd, char *to, size_t length, const char *complaint) {
 // Loads the window with the next bytes of the stream.
 bool nextWindow(int fd, char *window) {
   memcpy(window, window + PACK_SIZE - kKept, kKept);
-  // The stated search reads over the four bytes it has kept, so that a header found from here on
+  // The classic search reads over the four bytes it has kept, so that a header found from here on
   // has four stale bytes in it and its size, owner and times are wrong; under "sound" they stay in
   // front.
   size_t start = base::sound(base::Area::backup) ? kKept : 0;

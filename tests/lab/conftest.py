@@ -8,11 +8,11 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
 
 def pytest_addoption(parser):
-    parser.addoption("--slow", action="store_true", help="run the scenarios with stated pauses instead of the others")
+    parser.addoption("--slow", action="store_true", help="run the scenarios with classic pauses instead of the others")
 
 
 def pytest_configure(config):
-    config.addinivalue_line("markers", "slow: takes minutes, because it keeps the stated pauses")
+    config.addinivalue_line("markers", "slow: takes minutes, because it keeps the classic pauses")
 
 
 def pytest_collection_modifyitems(config, items):

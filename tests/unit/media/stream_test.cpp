@@ -214,7 +214,7 @@ TEST_F(PackHead, AHeaderThatBeginsInTheFirstWindowIsFoundWhole) {
   }
 }
 
-TEST_F(PackHead, ALaterOneHasFourStaleBytesAsStated) {
+TEST_F(PackHead, ALaterOneHasFourStaleBytesInClassic) {
   std::string head = streamHeader();
   std::string bytes = junk(1000) + head + "data";
   EXPECT_EQ(find(bytes), 0);
@@ -236,7 +236,7 @@ TEST_F(PackHead, ALaterOneIsTrueUnderSound) {
   }
 }
 
-TEST_F(PackHead, AMagicAcrossTwoWindowsIsNotFoundAsStated) {
+TEST_F(PackHead, AMagicAcrossTwoWindowsIsNotFoundInClassic) {
   std::string bytes = junk(518) + streamHeader() + junk(60000);
   EXPECT_EQ(find(bytes), -2);
 }

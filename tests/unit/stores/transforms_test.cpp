@@ -103,13 +103,13 @@ TEST_P(EveryTransforms, ModAndDelWithoutAFileAreSaid) {
   clearLogs();
   run(modTrans, "5", "/a /new>/N");
   EXPECT_EQ(result, -1);
-  std::string stated = "ERROR:  Cannot make copy of: " + path(kFile) + "\n";
-  EXPECT_NE(said.find(stated), std::string::npos);
+  std::string answer = "ERROR:  Cannot make copy of: " + path(kFile) + "\n";
+  EXPECT_NE(said.find(answer), std::string::npos);
   run([] { return delTrans("5", "/a"); });
   EXPECT_EQ(result, -1);
-  EXPECT_NE(said.find(stated + "ERROR:  Cannot delete entry: /a\n"), std::string::npos);
+  EXPECT_NE(said.find(answer + "ERROR:  Cannot delete entry: /a\n"), std::string::npos);
   if (!isSound()) {
-    EXPECT_EQ(said, stated + "ERROR:  Cannot delete entry: /a\n");
+    EXPECT_EQ(said, answer + "ERROR:  Cannot delete entry: /a\n");
   }
 }
 
