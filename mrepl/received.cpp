@@ -1,3 +1,4 @@
+// Keeps the receiver's record of a run. Runs in the extracter, which knows what became of each file.
 #include "mrepl/received.h"
 
 #include <inttypes.h>

@@ -1,3 +1,4 @@
+// Follows the receivers of a sound run by their reports. Runs in the data sender's process.
 #include "mrepl/receivers.h"
 
 #include <arpa/inet.h>
