@@ -12,7 +12,7 @@
  * written back to it, "tN" N pointers that are printed, "rFILE" and "wFILE" a stream, "oFILE" a descriptor for
  * reading, "@N" the address N bytes into the attached segment, "=" the last result.
  * Or it is for the host itself: errno N (before each later call), null STREAM, copies N (what the helpers answer;
- * 2: success without a copy), answer N (of the login and of deldir), set and get NAME (an exported variable), alarm
+ * 2: success without a copy; 3: the same, and from then on a failure), answer N (of the login and of deldir), set and get NAME (an exported variable), alarm
  * and timer (what is pending), state (what the process has become). */
 #include <dlfcn.h>
 #include <errno.h>
@@ -54,10 +54,14 @@ int insplit(char **fields, char *text, int separator, int count) {
   for (fields[found++] = text; found <= count && (text = strchr(text, separator)); fields[found++] = text) *text++ = 0;
   return found;
 }
-/* Copies, or says what it was told to say; 2 says that all is well and copies nothing. */
+/* Copies, or says what it was told to say; 2 says that all is well and copies nothing, 3 does so once. */
 int filecopy(const char *source, const char *destination) {
   char buffer[8192];
   size_t got;
+  if (copyResult == 3) {
+    copyResult = 1;
+    return 0;
+  }
   if (copyResult != 0) return copyResult == 2 ? 0 : copyResult;
   FILE *in = fopen(source, "rb"), *out = in ? fopen(destination, "wb") : NULL;
   if (!out) return -1;

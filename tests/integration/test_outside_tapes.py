@@ -269,6 +269,30 @@ def test_what_goes_wrong_with_the_history_is_said_and_undone(outside):
     assert (said.result, said.log) == (-5, "ERROR:  8342  Failed to write backup record.  Restoring copy\n")
 
 
+@pytest.mark.parametrize("function, history, copy, result, text", [
+    ("modHist", b"", b"junk" * 46, -4, "8340  Parse error reading backup history.  Restoring copy.\n"
+     "ERROR:  8341  Cannot restore backup copy of the backup history."),
+    ("modHist", None, "run", -5, "8342  Failed to write backup record.  Restoring copy\n"
+     "ERROR:  8343  Cannot restore backup copy of the backup history."),
+    ("modHist", b"", b"", -6, "8344  Cannot find the desired backup record.\n"
+     "ERROR:  8345  Cannot restore backup copy of the backup history."),
+    ("updateHist", None, b"", -3, "8348  Failed to update backup history file\n"
+     "ERROR:  8349  CANNOT RESTORE BACKUP backup-history file!"),
+], ids=["damaged", "full disk", "unknown run", "full disk at the start"])
+def test_a_history_that_cannot_be_put_back_is_said_too(outside, function, history, copy, result, text):
+    run = Buffer(outside.write("tmp/run", job_run()))
+    if copy == "run":
+        assert outside.call("int updateHist", run, 1000).result == 0
+        copy = outside.read("var/tape/bhistory")
+        os.unlink(outside.path("var/tape/bhistory"))
+    outside.write("var/tape/bhistory.BAK", copy)
+    if history is None:
+        os.symlink("/dev/full", outside.path("var/tape/bhistory"))
+    arguments = [1000, 1, 1] if function == "modHist" else [1000]
+    said = outside.run([["copies 3"], [f"int {function}", run, *arguments]])
+    assert (said.result, said.log) == (result, f"ERROR:  {text}\n")
+
+
 def test_a_hosts_history_is_listed(outside):
     now = int(time.time())
     outside.write("var/tape/jobids/group", "3:alpha,beta:web\n4:gamma:db\n")
@@ -418,6 +442,13 @@ def test_a_drive_folder_that_is_none_is_named(outside):
     assert (said.result, said.err) == (-1, f"ERROR:  8026  Cannot stat file: >{path}<, errno = 2\n")
     said = outside.call("int getTapes", "0")
     assert (said.result, said.err) == (-1, f"ERROR:  8031  Cannot stat file: >{path}<, errno = 2\n")
+    os.mkdir(path, 0)
+    nobody = ["setpriv", "--inh-caps=-all", "--bounding-set=-all"]
+    said = outside.call("int getNextTapeID", 0, inside=nobody)
+    assert (said.result, said.err) == (-1, f"ERROR:  8028  Cannot read directory: {path}\n")
+    said = outside.call("int getTapes", "0", inside=nobody)
+    assert (said.result, said.err) == (-1, f"ERROR:  8033  Cannot read directory: {path}\n")
+    os.rmdir(path)
     outside.write("var/tape/drive.0", "")
     said = outside.run([["errno", 0], ["int getNextTapeID", 0]])
     assert (said.result, said.err) == (-1, f"ERROR:  8027  Path is not a directory:  >{path}<, errno = 0\\n")

@@ -10,6 +10,8 @@ import subprocess
 import threading
 import time
 
+from home import eventually  # noqa: F401 (the tests take it from here)
+
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 BUILD = os.environ.get("ZUL_BUILD", os.path.join(ROOT, "build", "dev"))
 ZUL = os.path.join(BUILD, "bin", "zul")
@@ -25,16 +27,6 @@ def zul(*words, inside=(), limit=60, **options):
     """Runs zul to its end; stdout and stderr are text."""
     return subprocess.run([*inside, ZUL, *map(str, words)], capture_output=True, text=True, timeout=limit,
                           env=environment(), stdin=options.pop("stdin", subprocess.DEVNULL), **options)
-
-
-def eventually(condition, seconds=10, what="a condition"):
-    end = time.monotonic() + seconds
-    while True:
-        value = condition()
-        if value:
-            return value
-        assert time.monotonic() < end, f"{what}: not within {seconds} s"
-        time.sleep(0.02)
 
 
 class PlayedDaemon:
