@@ -12,8 +12,8 @@
  * written back to it, "tN" N pointers that are printed, "rFILE" and "wFILE" a stream, "oFILE" a descriptor for
  * reading, "@N" the address N bytes into the attached segment, "=" the last result.
  * Or it is for the host itself: errno N (before each later call), null STREAM, copies N (what the helpers answer;
- * 2: success without a copy; 3: the same, and from then on a failure), answer N (of the login and of deldir), set and get NAME (an exported variable), alarm
- * and timer (what is pending), state (what the process has become). */
+ * 2: success without a copy; 3: the same, and from then on a failure), answer N (of the login and of deldir), set and
+ * get NAME (an exported variable), alarm and timer (what is pending), state (what the process has become). */
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
