@@ -1,3 +1,4 @@
+// Replication jobs between their stored text and what an operator types and reads.
 #include "console/repjob.h"
 
 #include <nlohmann/json.hpp>
