@@ -53,9 +53,10 @@ struct State {
   FILE *directories;  // Pending records, in a file: trees have more directories than memory should
                       // hold
   int fd;             // the file being written
-  int partDir;        // where its part lies, under "sound"; -1 when there is none
-  int32_t sequence;   // of its next segment
-  package part;       // header of its first segment
+  int partDir;       // where its part lies, under "sound"; -1 when there is none. It is parentFd as
+                     // long as that is the part's
+  int32_t sequence;  // of its next segment
+  package part;      // header of its first segment
   char error[512];
 } state = {"", -1, "", -1, nullptr, -1, -1, 0, {}, ""};
 
@@ -122,6 +123,7 @@ const char *belowRoot(const char *path) {
 // Opens the parent, unless it is open already.
 bool openParent(char *parent, bool make) {
   if (state.parentFd >= 0 && strcmp(parent, state.parentPath) == 0) return true;
+  if (state.parentFd == state.partDir) state.parentFd = -1;  // stays open for the part
   closeIf(&state.parentFd);
   base::copyText(state.parentPath, sizeof state.parentPath, parent);
   state.parentFd =
@@ -213,11 +215,16 @@ bool finishDirectories() {
   return good;
 }
 
+void releasePart() {
+  if (state.partDir != state.parentFd) closeIf(&state.partDir);
+  state.partDir = -1;
+}
+
 void dropPart() {
   closeIf(&state.fd);
   if (state.partDir < 0) return;
   unlinkat(state.partDir, PartName(), 0);
-  closeIf(&state.partDir);
+  releasePart();
 }
 
 // A link in the way of a directory stays when it leads to a directory beneath the root (a merged
@@ -257,10 +264,13 @@ int openPart(const package &header, const char *path) {
   Place place;
   if (!locate(path, true, &place)) return failed(kNoParent, "cannot make the parent of", path);
   PartName part;
-  unlinkat(place.dir, part, 0);
-  state.fd = openat(place.dir, part, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+  state.fd = openat(place.dir, part, kFlags, 0600);
+  // Left behind by a process of the same number.
+  if (state.fd < 0 && errno == EEXIST && unlinkat(place.dir, part, 0) == 0)
+    state.fd = openat(place.dir, part, kFlags, 0600);
   if (state.fd < 0) return failed(kCannotOpen, "cannot write beside", path);
-  state.partDir = fcntl(place.dir, F_DUPFD_CLOEXEC, 3);
+  state.partDir = place.dir;
   state.part = header;
   state.sequence = 1;
   return 0;
@@ -293,7 +303,7 @@ int finishPart(const package &header, const char *path) {
   if (!locate(path, true, &place)) return failed(kNoParent, "cannot reach the parent of", path);
   if (renameat(state.partDir, PartName(), place.dir, place.name) != 0)
     return failed(kCannotOpen, "cannot put in place", path);
-  closeIf(&state.partDir);  // the part is the file now: nothing to drop
+  releasePart();  // the part is the file now: nothing to drop
   return 0;
 }
 
