@@ -61,10 +61,10 @@ mreq request(const std::string &datagram);  // host order
 
 // A header as it travels, in a payload of 1024 bytes.
 struct Head {
-  std::string name;
+  std::string name = {};
   uint8_t type = 1;
   uint64_t size = 0;
-  std::string content;  // behind the header, at offset
+  std::string content = {};  // behind the header, at offset
   size_t at = MR_INLINE_OFF;
   uint32_t mode = 0640;
   uint32_t owner = 0, group = 0, mtime = 1700000000, atime = 1700000001, rdev = 0;
