@@ -171,6 +171,24 @@ TEST_F(Serve, ALargeFileIsOneExchangeForEachSegment) {
   });
 }
 
+TEST_F(Serve, SegmentsBehindFourGigabytesAreServedUnderSound) {
+  behave("sound");
+  inNetwork([&] {
+    package header = tapes::headerOf(File{"h", "/huge", ""}, 4100);
+    header.size = 4100ull * PACK_CHUNK + 10;
+    std::string raw(PACK_SIZE, '\0');
+    packPackage(raw.data(), &header);
+    EXPECT_EQ(serve("/huge\n", raw + pattern(512),
+                    [&](int sd) {
+                      EXPECT_EQ(next(sd), "/huge");
+                      EXPECT_EQ(get(sd, 10), pattern(10));
+                      EXPECT_EQ(next(sd), "end");
+                    }),
+              0);
+    EXPECT_TRUE(saidLine("Sending:  /huge   Size: 4299161610   Seq: 4100  Toread: 10\n")) << said;
+  });
+}
+
 TEST_F(Serve, NextWithoutGetPassesOverTheSegment) {
   inNetwork([&] {
     std::string stream =
