@@ -92,6 +92,9 @@ SEEDS = {
               b"\x04\1\x17\1\x0c" + bytes(4) + block(b"z" * 9) + b"\xff" * 4 + b"\xfe\xff\xff\xff"],
     "label": [b"\0" + label(), b"\xff" + label() + record(), b"\x20" + label(b"n" * 256), b"\x20" + label(drive=9),
               b"\x7f" + bytes(3000) + label()],
+    "mrepjob": [b"# a job\nHost: h1\nHost:\nRequest: /etc/\nExclude: /etc/keys\nLast: /x\nXform: /etc  /new\nXform: /a \n"
+                b"Prefix: /staging\nDescription: all of it \r\nSpeed: 800\nFilePerms: 28672\nProtocol: 7\nUserID:\n",
+                b"Xform: /etc/hosts \nDescription:\nPrefix:\n", b"Description: " + b"x" * 2100 + b"\nHost: a"],
     "requestlist": [REQUEST_LIST + b"end\n", REQUEST_LIST, b"0 \n", b"end\n0 /behind\n"],
     "site": [b"# sound here\nbehaviour = sound\nbehaviour.pace=classic\nmulticast.sender = 10.1.0.5\n"
              b"pause.list-grace = 10s\npause.idle=5ms\n", b"behaviour=odd\nno such line\npause.idle = 99999999999m\n"],
