@@ -35,11 +35,11 @@ std::optional<int> conflictMode(const std::string &name);
 
 // What an operator may say about a job; what is not said stays as it is.
 struct RepJobWords {
-  std::optional<int> group;
-  std::optional<std::string> destination, name, conflict;
-  std::optional<std::string> owner, ownerGroup;        // "keep" or a number
-  std::optional<std::string> directoryMode, fileMode;  // "keep" or octal permissions
-  std::optional<bool> setuid, encrypt;
+  std::optional<int> group = {};
+  std::optional<std::string> destination = {}, name = {}, conflict = {};
+  std::optional<std::string> owner = {}, ownerGroup = {};        // "keep" or a number
+  std::optional<std::string> directoryMode = {}, fileMode = {};  // "keep" or octal permissions
+  std::optional<bool> setuid = {}, encrypt = {};
 };
 // Changes a job by these; a Failure says what makes no sense.
 void applyWords(const RepJobWords &words, RepJob *job);

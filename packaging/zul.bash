@@ -26,7 +26,8 @@ _zul() {
     case ${COMP_WORDS[at]} in
       --home | --host | --user | --password-file | --size | --secret | --module | --log | --upload | \
         --since | --wait | --timeout | --drive | --role | --new-password-file | --tape | --volume | --job | --as-of | \
-        --from | --to | --into | --conflict) ((at++)) ;;
+        --from | --to | --into | --conflict | --only | --group | --name | --owner | --owner-group | --dir-mode | \
+        --file-mode) ((at++)) ;;
       -*) ;;
       *) if [[ -z $command ]]; then command=${COMP_WORDS[at]}; elif [[ -z $part ]]; then part=${COMP_WORDS[at]}; fi ;;
     esac
@@ -40,12 +41,13 @@ _zul() {
       mapfile -t COMPREPLY < <(compgen -W 'keep-both if-different always if-newer never' -- "$word"); return ;;
     --drive) [[ $command == vtape ]] || return; mapfile -t COMPREPLY < <(compgen -W "$(_zul_names drives)" -- "$word"); return ;;
     --into) mapfile -t COMPREPLY < <(compgen -d -- "$word"); return ;;
-    --host | --user | --size | --since | --wait | --timeout | --tape | --volume | --job | --as-of | --from | --to) return ;;
+    --host | --user | --size | --since | --wait | --timeout | --tape | --volume | --job | --as-of | --from | --to | --only | --group | --name | --owner | \
+      --owner-group | --dir-mode | --file-mode) return ;;
   esac
 
   local words=''
   case $command in
-    '') words='init up down request console get put follow restore verify status jobs ps vtape users key fanout multicast'
+    '') words='init up down request console get put follow restore verify replicate repjob transform status jobs ps vtape users key fanout multicast'
         [[ $word == -* ]] && words="--version $globals" ;;
     init) words='--classic --force --size --no-drive --secret --module' ;;
     up) words='--log' ;;
@@ -54,6 +56,20 @@ _zul() {
     fanout) words='--timeout --json' ;;
     restore) words='--drive --tape --volume --job --as-of --from --to --into --conflict --all --yes --json' ;;
     verify) words='--drive --tape --volume --job --as-of --json' ;;
+    replicate) words='--follow --retry-failed --only --dry-run --json' ;;
+    repjob)
+      case $part in
+        '') words='add change list remove' ;;
+        add | change)
+          [[ $word == -* ]] || { mapfile -t COMPREPLY < <(compgen -f -- "$word"); return; }
+          words='--group --to --name --conflict --owner --owner-group --dir-mode --file-mode --setuid --no-setuid --encrypt --no-encrypt' ;;
+        list) words='--json' ;;
+      esac ;;
+    transform)
+      case $part in
+        '') words='add change list remove' ;;
+        list) words='--json' ;;
+      esac ;;
     status | jobs | ps) words='--json' ;;
     vtape)
       case $part in

@@ -359,7 +359,7 @@ def test_completion_knows_every_command_and_option():
     assert set(complete("zul ")) >= set(commands())
     for name in commands():
         assert set(complete(f"zul {name} --")) >= options(name), name
-    for name in ("vtape", "users", "key", "multicast"):
+    for name in ("vtape", "users", "key", "multicast", "repjob", "transform"):
         assert set(complete(f"zul {name} ")) == set(commands(name))
     assert complete("zul fol") == ["follow"]
     assert complete("zul --home /x vt") == ["vtape"]
