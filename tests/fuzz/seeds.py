@@ -63,6 +63,17 @@ def replication(number=5):
             b"/srv/copy".ljust(256, b"\0") + struct.pack("<i", 2) + bytes(28))
 
 
+def segment(number, payload, control=0):
+    """As segments_fuzz takes it: how far ahead, how it is marked (0x40: then files are put together), the payload."""
+    words = (len(payload) + 3) // 4
+    return struct.pack("<HBB", number, control, words) + payload.ljust(words * 4, b"\0")
+
+
+def multicast_head(name, kind, size=0, content=b""):
+    return (b"dEhF" + name.ljust(256, b"\0") + bytes(3) + bytes([kind]) + struct.pack(">10I", 0, 0, 0o640, 0, 1, 0, 2, 0, size, 0) +
+            bytes(32)).ljust(336, b"\0") + content
+
+
 FILES = ((b"/etc", b"", 1), (b"/etc/motd", b"welcome" * 100, 0), (b"/etc/link", b"motd\0", 2), (b"/dev/null", b"", 3))
 REQUEST_LIST = b"0 /etc/\n1 /etc/motd\n2 /home/a file\nno-entry\n3 " + b"/x" * 128 + b"\n"
 VOLUME_LIST = b"0:alpha:0:/d\n1:alpha:0:/d/one\n1:alpha:1:/d/one\n2:beta:0:/d/two:three\n"
@@ -95,7 +106,13 @@ SEEDS = {
     "mrepjob": [b"# a job\nHost: h1\nHost:\nRequest: /etc/\nExclude: /etc/keys\nLast: /x\nXform: /etc  /new\nXform: /a \n"
                 b"Prefix: /staging\nDescription: all of it \r\nSpeed: 800\nFilePerms: 28672\nProtocol: 7\nUserID:\n",
                 b"Xform: /etc/hosts \nDescription:\nPrefix:\n", b"Description: " + b"x" * 2100 + b"\nHost: a"],
+    "mrequests": [first + struct.pack(">4I", 0, high, low, count) * 2 for first in BOTH
+                  for high, low, count in ((0, 0xfffffff1, 3), (1, 0x20, 0xffffffff), (1, 0x40, 1), (1, 9, 0x10000))],
     "requestlist": [REQUEST_LIST + b"end\n", REQUEST_LIST, b"0 \n", b"end\n0 /behind\n"],
+    "segments": [first + segment(1, multicast_head(b"/d", 2), 12) + segment(1, multicast_head(b"/d/f", 1, 1500), 12) +
+                 segment(2, b"x" * 400, 4) + segment(1, b"y" * 1000, 4) + segment(1, multicast_head(b"/l", 3, 5, b"over"), 12) +
+                 segment(1, multicast_head(b"/s", 1, 4, b"tiny"), 12) + segment(1, multicast_head(b"", 8), 0x4c) +
+                 segment(9, multicast_head(b"/c", 6), 0x8c) + segment(1, b"", 0x44) for first in BOTH],
     "site": [b"# sound here\nbehaviour = sound\nbehaviour.pace=classic\nmulticast.sender = 10.1.0.5\n"
              b"pause.list-grace = 10s\npause.idle=5ms\n", b"behaviour=odd\nno such line\npause.idle = 99999999999m\n"],
     "stores": [bytes([at | sound]) + text for at, text in enumerate(STORES) for sound in (0, 0x80)],
