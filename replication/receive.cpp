@@ -91,9 +91,10 @@ int takeRepeat(int sd, package *header) {
 // Takes the bytes of one segment, and has them written as long as result is 0. 0 or kDataLost.
 int takeSegment(int sd, size_t length, uint64_t before, int *result) {
   char piece[kLongPiece];
-  // A stream that breaks off leaves every full piece of this size in a classic file; and what an
-  // encryption library sealed in such pieces is opened in such pieces.
-  size_t most = soundReceive() && shouldEncrypt(kQuery) == 0 ? sizeof piece : PACK_PIECE;
+  // A stream that breaks off leaves every full piece of this size in a classic file; and what a
+  // classic sender's encryption library sealed in such pieces may have to be opened in such pieces.
+  bool sealed = shouldEncrypt(kQuery) != 0 && !base::sound(base::Area::stream);
+  size_t most = soundReceive() && !sealed ? sizeof piece : PACK_PIECE;
   for (size_t done = 0; done < length;) {
     size_t want = length - done < most ? length - done : most;
     ssize_t got = readn(sd, piece, want);
