@@ -1,3 +1,4 @@
+// What the tests of multicast runs share; see runsupport.h.
 #include "runsupport.h"
 
 #include <arpa/inet.h>
