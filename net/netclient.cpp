@@ -34,7 +34,8 @@ GatherLimits gatherLimits = {300, 100000, 30000};
 namespace {
 
 constexpr int kExitFailed = -1;
-constexpr size_t kNameRoom = 16;  // what every host lends of cmdname
+constexpr int kSecondTryMs = 3000;  // the gatherer that is meant has only to take the port
+constexpr size_t kNameRoom = 16;    // what every host lends of cmdname
 
 pid_t gatherParent = -1;
 
@@ -104,19 +105,39 @@ void nameRequest(int sd, int reqid, int since) {
   writen(sd, line, static_cast<size_t>(length));
 }
 
+int converse(ipc *slot, const char *host, int reqid, int since, int *sd) {
+  *sd = mkClientSD(host);
+  if (*sd < 0) {
+    base::print(backuplog, "ERROR:  3204  Unable to open socket to client\n");
+    fail(slot, 2);
+  }
+  if (base::sound(base::Area::stream)) nameRequest(*sd, reqid, since);
+  return clientHandshak(*sd, slot);
+}
+
+// Closed on before the first file.
+bool wasTurnedAway(const ipc *slot, int result) {
+  constexpr int kWrite = -1, kNoAnswer = -2;
+  return (result == kWrite || result == kNoAnswer) && slot->produced == 0 &&
+         base::sound(base::Area::stream) && base::sound(base::Area::pace);
+}
+
 int gatherInto(ipc *slot, const char *host, int reqid, int since) {
   int mailbox = slot->wfd = openMailbox(host);
   if (mailbox < 0) {
     base::print(backuplog, "ERROR:  3203  Unable to open FIFO\n");
     fail(slot, 2);
   }
-  int sd = mkClientSD(host);
-  if (sd < 0) {
-    base::print(backuplog, "ERROR:  3204  Unable to open socket to client\n");
-    fail(slot, 2);
+  int sd = -1;
+  int result = converse(slot, host, reqid, since, &sd);
+  // The gatherer of a job that was stopped waits for its tape host and ends when it hears of ours;
+  // the one that was started for us gets the port then.
+  if (wasTurnedAway(slot, result)) {
+    base::print(backuplog, "NOTICE:  The gatherer has closed at once, trying once more\n");
+    gatherLimits.refusedMs = kSecondTryMs;
+    close(sd);
+    result = converse(slot, host, reqid, since, &sd);
   }
-  if (base::sound(base::Area::stream)) nameRequest(sd, reqid, since);
-  int result = clientHandshak(sd, slot);
   if (result < 0) {
     printAtEnd("ERROR:  3205  Client handshaking error %i, errno = %i\n", result, errno);
     close(mailbox);

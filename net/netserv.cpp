@@ -56,6 +56,18 @@ base::HomePath requestList(int reqid) {
   _exit(0);
 }
 
+// The port may be with the gatherer of a job that was stopped, which gives it back when the peer of
+// this one comes to it.
+bool bindFree(int sd, const sockaddr_in &address) {
+  long long limit = base::nowMs() + net::timeouts.portMs;
+  while (bind(sd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+    bool again = errno == EADDRINUSE && base::sound(base::Area::pace) && base::nowMs() < limit;
+    if (!again) return false;
+    base::pauseFor(base::Pause::ConnectRetry);
+  }
+  return true;
+}
+
 [[noreturn]] void failServing(int listening, const char *text) {
   base::print(backuplog, "%s", text);
   if (listening >= 0) close(listening);
@@ -94,8 +106,7 @@ int mkServerSD(void) {
   // fails.
   int on = 1;
   if (base::sound(base::Area::stream)) setsockopt(sd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  if (bind(sd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0)
-    failServing(sd, "WARNING:  3003  Bind Failed!\n");
+  if (!bindFree(sd, address)) failServing(sd, "WARNING:  3003  Bind Failed!\n");
   if (listen(sd, 8) != 0) failServing(sd, "WARNING:  3004  Listen Failed!\n");
   return sd;
 }

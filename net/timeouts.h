@@ -16,6 +16,7 @@ struct Timeouts {
   int nudgeMs;   // an answer to "Next" that has to wait for the list: below streamMs, or the peer
                  // gives up
   int greetMs;   // a peer that paces itself by readiness connects to the gatherer it asked for
+  int portMs;    // the port of a gatherer that is about to give it back (sound pace only)
   int storedMs;  // the word of a member that it has stored a pushed backup list
 };
 

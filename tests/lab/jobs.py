@@ -58,3 +58,22 @@ def nothing_left(hosts, seconds=10, but=()):
         eventually(all_clean, seconds)
     except AssertionError:
         raise AssertionError(f"left over after {seconds} s: {nothing_left.last}") from None
+
+
+# Logs in at an agent as a node and asks for one thing: jobs.py SECRETFILE HOST REQUEST
+ASK_AGENT = """
+import hashlib, hmac, secrets, socket, sys
+key = bytes.fromhex(open(sys.argv[1]).read().strip())
+console = socket.create_connection((sys.argv[2], 2345), 10)
+reader = console.makefile("rb", buffering=0)
+server, client = bytes.fromhex(reader.readline()[5:69].decode()), secrets.token_bytes(32)
+proof = hmac.new(key, b"zul1-c\\0NODE\\0h1\\0" + server + client, hashlib.sha256).hexdigest()
+console.sendall(f"NODE h1 {client.hex()} {proof}\\n".encode())
+assert reader.readline().startswith(b"OK ")
+console.sendall(sys.argv[3].encode() + b"\\n")
+"""
+
+
+def ask_agent(asking, asked, request):
+    """A request from one host's agent to another's, whose answer nobody waits for."""
+    asking.run("/usr/bin/python3", "-c", ASK_AGENT, asking.path("etc", "ZULsecret"), asked.address, request)

@@ -8,7 +8,7 @@ import time
 
 import pytest
 
-from jobs import CARTRIDGE, backup, define, follow, nothing_left, progress, states
+from jobs import CARTRIDGE, ask_agent, backup, define, follow, nothing_left, progress, states
 from lab import eventually, image_of, make_tree, tape_summary, tapewalk
 
 ROUNDS = int(os.environ.get("ZUL_KILLS", "8"))
@@ -150,5 +150,16 @@ def test_a_member_that_stands_still_does_not_hold_up_the_others(two_hosts):
     assert states(h1)["h2"] != "done"
     os.kill(pid, signal.SIGCONT)
     follow(h1)
+    check_tape(two_hosts, [1])
+    nothing_left([h1, h2])
+
+
+def test_a_gatherer_that_was_left_waiting_gives_way_to_another_job(two_hosts):
+    h1, h2 = two_hosts.hosts
+    # What a job leaves that is stopped between asking for a gatherer and connecting to it.
+    ask_agent(h1, h2, "TAPE server 9 0")
+    eventually(lambda: any("port" in each for each in h2.left_over()), what="the gatherer of job 9")
+    record = backup(h1)
+    assert {each["state"] for each in record["hosts"]} == {"done"}
     check_tape(two_hosts, [1])
     nothing_left([h1, h2])

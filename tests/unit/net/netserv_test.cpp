@@ -106,7 +106,29 @@ TEST_P(Server, ListensOnTheDataPort) {
   });
 }
 
+TEST_P(Server, WaitsForAPortThatIsGivenBackOnASoundSiteOnly) {
+  alone([&] {
+    base::Fd sd(mkServerSD());
+    fflush(nullptr);
+    pid_t pid = fork();
+    if (pid == 0) {
+      sd.reset();
+      mkServerSD();
+      _exit(0);
+    }
+    base::sleepMs(isSound() ? 300 : 0);
+    int status = 0;
+    if (isSound()) {
+      EXPECT_EQ(waitpid(pid, &status, WNOHANG), 0);
+      sd.reset();
+    }
+    waitpid(pid, &status, 0);
+    EXPECT_EQ(support::exitOf(status), isSound() ? 0 : 255);
+  });
+}
+
 TEST_P(Server, EndsTheProcessWhenThePortIsTaken) {
+  net::timeouts.portMs = 100;
   alone([&] {
     base::Fd sd(mkServerSD());
     int status = support::inChild([] {
