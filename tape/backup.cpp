@@ -281,8 +281,7 @@ int BackupJob::reconcile(int volume) {
               "NOTICE:  An earlier backup to this tape was interrupted before its volume was "
               "complete; its catalog is put back from %s\n",
               tapeFile("catalog.Old").c_str());
-  if (filecpy(tapeFile("catalog.Old"), tapeFile("catalog"), 0) != 0) return volume;
-  tape::syncTapeFile(drive(), run_.tape, "catalog");
+  if (!tape::copyTapeFile(drive(), run_.tape, "catalog.Old", "catalog")) return volume;
   return goBehindLast();
 }
 
@@ -290,14 +289,16 @@ int BackupJob::enterCatalog() {
   base::HomePath catalog = tapeFile("catalog");
   base::Fd made(open(catalog, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
   made.reset();
-  if (filecpy(catalog, tapeFile("catalog.Old"), 0) != 0) {
+  if (!tape::copyTapeFile(drive(), run_.tape, "catalog", "catalog.Old")) {
     base::print(backuplog, "ERROR:  8308  Cannot make a backup copy of the tape catalog.\n");
-    backupFail(drive(), run_.tape, run_.volume);
+    base::copyText(error_, sizeof error_, "the tape's catalog cannot be copied");
+    // The catalog was not touched yet. What would be put back is half a copy of it, or the one
+    // before the last job, and the next job would write over volumes that it lacks.
+    if (!backupSound()) backupFail(drive(), run_.tape, run_.volume);
     closeStatus();
     return kNoCatalogCopy;
   }
   if (backupSound()) {
-    tape::syncTapeFile(drive(), run_.tape, "catalog.Old");
     if (!tape::notePending(drive(), run_.tape, run_.volume)) {
       base::print(backuplog, "ERROR:  Cannot write to the tape's directory: %s.  errno = %i\n",
                   tapeFile("catalog.pending").c_str(), errno);

@@ -12,6 +12,7 @@
 #include "base/site.h"
 #include "base/text.h"
 #include "drive/drive.h"
+#include "tape/pending.h"
 #include "tape/tapeio.h"
 
 namespace {
@@ -81,7 +82,5 @@ int backupFail(int drive, int tape, int volume) {
               "ERROR:  8330  Backup failed, attempting to revert to previous catalog.\n");
   unlink(base::HomePath("var/tape/drive.%i/tape.%i/vol.%i", drive, tape, volume));
   unlink(base::HomePath("var/tape/drive.%i/tape.%i/vol.%i.sum", drive, tape, volume));
-  base::HomePath old("var/tape/drive.%i/tape.%i/catalog.Old", drive, tape);
-  base::HomePath live("var/tape/drive.%i/tape.%i/catalog", drive, tape);
-  return filecpy(old, live, 0) == 0 ? 0 : -1;
+  return tape::copyTapeFile(drive, tape, "catalog.Old", "catalog") ? 0 : -1;
 }

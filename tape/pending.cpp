@@ -4,8 +4,10 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <unistd.h>
+#include <zul/host.h>
 
 #include "base/fd.h"
+#include "base/site.h"
 #include "base/text.h"
 
 namespace tape {
@@ -46,6 +48,20 @@ int pendingVolume(int drive, int tape) {
 
 void clearPending(int drive, int tape) {
   if (unlink(pendingPath(drive, tape)) == 0) syncFolder(drive, tape);
+}
+
+bool copyTapeFile(int drive, int tape, const char *from, const char *to) {
+  base::HomePath source("var/tape/drive.%i/tape.%i/%s", drive, tape, from);
+  base::HomePath target("var/tape/drive.%i/tape.%i/%s", drive, tape, to);
+  if (!base::sound(base::Area::backup)) return filecpy(source, target, 0) == 0;
+  // Copied in place, a full disk leaves half a catalog where a whole one was.
+  base::HomePath whole("var/tape/drive.%i/tape.%i/%s.tmp", drive, tape, to);
+  bool copied = filecpy(source, whole, 0) == 0;
+  if (copied) syncPath(whole);
+  copied = copied && rename(whole, target) == 0;
+  if (!copied) unlink(whole);
+  syncFolder(drive, tape);
+  return copied;
 }
 
 void syncTapeFile(int drive, int tape, const char *name) {

@@ -13,6 +13,8 @@ int pendingVolume(int drive, int tape);
 // The volume is complete on tape. Not when it is out of the catalog again: the tape may still hold
 // the beginning of it, which the next job has to know for what it is.
 void clearPending(int drive, int tape);
+// Copies a file of the tape's directory over another one.
+bool copyTapeFile(int drive, int tape, const char *from, const char *to);
 // Writes a file of the tape's directory through to the disk.
 void syncTapeFile(int drive, int tape, const char *name);
 
