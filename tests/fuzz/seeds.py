@@ -108,6 +108,11 @@ SEEDS = {
                 b"Xform: /etc/hosts \nDescription:\nPrefix:\n", b"Description: " + b"x" * 2100 + b"\nHost: a"],
     "mrequests": [first + struct.pack(">4I", 0, high, low, count) * 2 for first in BOTH
                   for high, low, count in ((0, 0xfffffff1, 3), (1, 0x20, 0xffffffff), (1, 0x40, 1), (1, 9, 0x10000))],
+    "receive": [bytes([first]) + text for first in (2, 18, 34) for text in
+                (stream(*FILES), package(b"/big", MIB) * 2 + bytes(9000), stream((b"/../../x", b"y", 0), (b"/l/x", b"z", 0)),
+                 stream((b"/l", b"/etc\0", 2), (b"/l/x", b"z", 0), (b"/l/", b"", 1)))] +
+               [first + package(b"/f", size, kind) + data for first in BOTH
+                for size, kind, data in ((5, 0, b"hello"), (0, 1, b""), (5, 2, b"/tmp\0"), (9, 2, b"/t\0"), (1 << 30, 0, b"x" * 999))],
     "requestlist": [REQUEST_LIST + b"end\n", REQUEST_LIST, b"0 \n", b"end\n0 /behind\n"],
     "segments": [first + segment(1, multicast_head(b"/d", 2), 12) + segment(1, multicast_head(b"/d/f", 1, 1500), 12) +
                  segment(2, b"x" * 400, 4) + segment(1, b"y" * 1000, 4) + segment(1, multicast_head(b"/l", 3, 5, b"over"), 12) +
