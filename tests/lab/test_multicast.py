@@ -13,11 +13,11 @@ from lab import ZUL, eventually
 from multicast import Site, difference, make_files, receivers_on
 
 
-def prepared(make_lab, receivers, behaviour="sound", **files):
+def prepared(make_lab, receivers, behaviour="sound", patience="3s", **files):
     site = Site(make_lab(receivers + 1, behaviour))
     site.tree = site.sender.tree
     make_files(site.tree, 5, **files)
-    site.sender.settings("multicast.patience = 3s")
+    site.sender.settings(f"multicast.patience = {patience}")
     site.start()
     site.define(3, [site.tree + "/"])
     return site
@@ -116,7 +116,7 @@ def test_the_packer_killed_ends_the_run(make_lab):
 
 
 def test_a_receiver_that_stands_still_for_seconds_completes(make_lab):
-    site = prepared(make_lab, 3, count=100, big=(60 << 20,))
+    site = prepared(make_lab, 3, patience="30s", count=100, big=(60 << 20,))
     site.lose(1)
     run = started(site)
     sleeper = site.receivers[0]
