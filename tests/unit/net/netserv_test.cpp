@@ -19,17 +19,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-int connectToData() {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(2346);
-  int sd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (connect(sd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0) return sd;
-  close(sd);
-  return -1;
-}
-
 class Server : public netsupport::NetTest, public testing::WithParamInterface<const char *> {
  protected:
   void SetUp() override {
@@ -97,7 +86,7 @@ TEST_P(Server, AGeneratorThatCannotBeStartedIsSaid) {
 TEST_P(Server, ListensOnTheDataPort) {
   alone([&] {
     base::Fd sd(mkServerSD());
-    base::Fd peer(connectToData());
+    base::Fd peer(support::dial(2346));
     EXPECT_GE(peer.get(), 0);
     int reuse = -1;
     socklen_t length = sizeof reuse;
@@ -149,7 +138,7 @@ void serve(const std::function<void(int)> &talk, const std::function<void(int)> 
     _exit(77);  // it does not return
   }
   int sd = -1;
-  EXPECT_TRUE(support::eventually([&] { return (sd = connectToData()) >= 0; }));
+  EXPECT_TRUE(support::eventually([&] { return (sd = support::dial(2346)) >= 0; }));
   talk(sd);
   close(sd);
   int status = 0;

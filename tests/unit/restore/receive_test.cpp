@@ -314,7 +314,7 @@ class Agent : public support::HomeTest {
     return result;
   }
   void play(int port, const std::vector<Played> &files, const std::string &lastHeader) {
-    dial(port);
+    sd = support::dial(port);
     size_t at = 0;
     char line[512];
     for (;;) {
@@ -340,19 +340,9 @@ class Agent : public support::HomeTest {
     }
     close(sd);
   }
-  void dial(int port);
   int sd = -1;
   std::string asked, said;
 };
-
-void Agent::dial(int port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  sd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  ASSERT_EQ(connect(sd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
-}
 
 TEST_F(Agent, AsksForEveryFileAndEndsWithTheList) {
   site("behaviour = classic\npause.receiver-ready = 0\n");
@@ -484,7 +474,7 @@ TEST_F(Agent, ATapeHostThatIsGoneIsAnError) {
   int port = 0;
   int listener = support::listenOn(port);
   std::thread host([&] {
-    dial(port);
+    sd = support::dial(port);
     close(sd);
   });
   std::string root = path("dest");

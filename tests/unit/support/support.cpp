@@ -167,6 +167,17 @@ int listenOn(int &port) {
   return sd;
 }
 
+int dial(int port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  int sd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (connect(sd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0) return sd;
+  close(sd);
+  return -1;
+}
+
 bool ownNetwork() {
   if (unshare(CLONE_NEWNET) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0) return false;
   int sd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);

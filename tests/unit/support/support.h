@@ -64,6 +64,8 @@ bool eventually(const std::function<bool()> &condition, int limitMs = 5000);
 
 // A TCP listener on loopback; port 0 takes a free one, which is written back. -1 on failure.
 int listenOn(int &port);
+// A connection to a port of loopback, -1 when nobody listens there.
+int dial(int port);
 
 // Moves the calling process into a network namespace of its own with loopback up, so that the fixed
 // ports are free whatever else runs on the machine. False where that is not permitted; then the
