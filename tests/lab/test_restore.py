@@ -1,5 +1,4 @@
 """Restores between hosts, judged by comparing what came back with what was there: content, owner, mode, times, links."""
-import hashlib
 import json
 import os
 import random
@@ -10,41 +9,12 @@ import pytest
 
 from jobs import backup, define, nothing_left
 from lab import ZUL, eventually, make_tree, run
+from trees import entry, same, snapshot
 
 QUICK = "\n".join(f"pause.{name} = 10ms" for name in
                   ("gather-child", "receiver-start", "receiver-ready", "label-settle", "drive-busy"))
 # A gatherer waits for its list, and its caller for the gatherer, as long as a small list takes.
 CLASSIC = QUICK + "\npause.list-grace = 1s\npause.gatherer-start = 1500ms"
-
-
-def entry(path):
-    """All that a restore is to bring back of one file, link or folder."""
-    status = os.lstat(path)
-    kind, content = status.st_mode >> 12, None
-    if os.path.islink(path):
-        content = os.readlink(path)
-    elif os.path.isfile(path):
-        with open(path, "rb") as handle:
-            content = hashlib.sha256(handle.read()).hexdigest()
-    mode = 0 if os.path.islink(path) else status.st_mode & 0o7777
-    return kind, mode, status.st_uid, status.st_gid, int(status.st_mtime), content
-
-
-def snapshot(root):
-    """Every path below root, and root itself as ""."""
-    found = {b"": entry(os.fsencode(root))}
-    root = os.fsencode(root)
-    for folder, folders, files in os.walk(root):
-        for name in folders + files:
-            path = os.path.join(folder, name)
-            found[os.path.relpath(path, root)] = entry(path)
-    return found
-
-
-def same(one, other):
-    assert set(one) == set(other), (sorted(set(one) - set(other))[:5], sorted(set(other) - set(one))[:5])
-    differing = {path: (one[path], other[path]) for path in one if one[path] != other[path]}
-    assert not differing, dict(list(differing.items())[:3])
 
 
 def restore(tape_host, *words, job=7, status=0, timeout=120):
@@ -191,38 +161,70 @@ def test_a_killed_tape_host_leaves_the_receiver_clean(make_lab):
     assert os.path.getsize(os.path.join(folder, "large")) == 600 << 20
 
 
-def test_classic_hosts_restore_the_whole_volume_of_the_first_host(make_lab):
-    lab = make_lab(3, behaviour="classic")
-    h1, h2, h3 = lab.hosts
-    for number, host in enumerate(lab.hosts, 1):
-        host.settings(CLASSIC)
-        make_tree(host.tree, number, files=40, big=(1 << 20, (2 << 20) + 7))
+def as_classic(tree):
+    """Links have no times of their own then, and a folder's go with what is put into it."""
+    return {path: each[:4] + (each[4] if each[0] == 8 else 0, each[5]) for path, each in snapshot(tree).items()}
+
+
+@pytest.mark.parametrize("behaviour, seed, count", [("classic", 1, 2), ("classic", 2, 2), ("sound", 2, 4)])
+def test_entry_list_0_restores_the_whole_volume_of_its_first_host(make_lab, behaviour, seed, count):
+    dice = random.Random(seed)
+    lab = make_lab(count + 1, behaviour=behaviour)
+    h1, last, gathered = lab[1], lab.hosts[-1], lab.hosts[:-1]
+    edges = (1, 1 << 20, (1 << 20) + 1, (2 << 20) + 7, 3 << 20)
+    for number, host in enumerate(gathered, 1):
+        make_tree(host.tree, seed * 100 + number, files=dice.randrange(5, 60), big=dice.sample(edges, 2))
         # What only sound hosts can carry stays out of these trees.
         os.unlink(os.path.join(host.tree, "long-link"))
         shutil.rmtree(os.path.join(host.tree, "colon:name"))
-    # A classic restore goes by name alone: what two hosts have under one name is mixed. So each has its own.
-    for host, others in ((h1, h2), (h2, h1)):
-        host.run("mount", "-t", "tmpfs", "-o", "mode=755", "none", others.tree)
+    for host in lab.hosts:
+        if behaviour == "classic":
+            host.settings(CLASSIC)
+        # A classic restore goes by name alone: what two hosts have under one name is mixed. So each has its own; and
+        # two of them, because files of h1 and h3, an even distance apart, would come back together.
+        for other in gathered:
+            if host not in (other, last):
+                host.run("mount", "-t", "tmpfs", "-o", "mode=755", "none", other.tree)
         host.start()
-    h3.start()
-    define(h1, [h1, h2], [h1.tree, h2.tree])
+    define(h1, gathered, [host.tree for host in gathered])
     backup(h1)
     with open(h1.path("var", "tape", "drive.0", "tape.0", "vol.1"), errors="surrogateescape") as volume:
         first = volume.readline().split(":")[1]
-    into = os.path.join(lab.folder, "h3", "back")
-    # The third host has gathered nothing, so its data port is free in the classic way too.
-    h1.request(f"TAPE restore 0 0 1 h3 {into} 4 0")
+    into = os.path.join(lab.folder, last.name, "back")
+    # The last host has gathered nothing, so its data port is free in the classic way too.
+    h1.request(f"TAPE restore 0 0 1 {last.name} {into} 4 0")
     h1.zul("follow", "restore", timeout=60)
-
-    def classic(tree):
-        """Links have no times of their own then, and a folder's go with what is put into it."""
-        return {path: each[:4] + (each[4] if each[0] == 8 else 0, each[5]) for path, each in snapshot(tree).items()}
-    whole, empty = (h1, h2) if first == "h1" else (h2, h1)
-    same(classic(whole.tree), classic(into + whole.tree))
-    assert os.listdir(into + empty.tree) == [], "the other host's files stay on the tape"
+    for host in gathered:
+        if host.name == first:
+            same(as_classic(host.tree), as_classic(into + host.tree))
+        else:
+            assert os.listdir(into + host.tree) == [], "the other hosts' files stay on the tape"
     assert "NOTE:   Positioning tape to volume 2\n" in h1.read("var", "tape", "restore.serv")
-    done = h1.zul("restore", "--job", "7", "--from", "h1", "--yes", "/etc/passwd", check=False)
-    assert done.returncode == 1 and "classic" in done.stderr
+    if behaviour == "classic":
+        done = h1.zul("restore", "--job", "7", "--from", "h1", "--yes", "/etc/passwd", check=False)
+        assert done.returncode == 1 and "classic" in done.stderr
+
+
+@pytest.mark.slow
+def test_a_file_of_more_than_four_gigabytes_comes_back(make_lab):
+    lab = make_lab(2)
+    large = os.path.join(lab[2].tree, "large")
+    os.makedirs(lab[2].tree)
+    dice = random.Random(4)
+    with open(large, "wb") as out:
+        # Something else on both sides of every border that a number of 32 bits has.
+        for place in (0, (1 << 31) - 9, (1 << 32) - 9, (1 << 32) + (1 << 20) + 5):
+            out.seek(place)
+            out.write(dice.randbytes(1 << 16))
+    for host in lab.hosts:
+        host.start()
+    define(lab[1], [lab[2]], [lab[2].tree], size="6G")
+    backup(lab[1], timeout=600)
+    into = os.path.join(lab.folder, "h2", "back")
+    told = restore(lab[1], "--into", into, "--all", timeout=600)
+    assert told["whole"]
+    run("cmp", large, into + large)
+    assert json.loads(lab[1].zul("verify", "--job", "7", "--json", timeout=600).stdout)["whole"]
 
 
 def test_verify_finds_a_volume_whole_and_a_flipped_byte(make_lab):
