@@ -10,10 +10,15 @@
  * A line of the script is a call, its words escaped as in a URL: how the result is read (int, long, text, void), the
  * name, and the arguments: "i7" a number, "sTEXT" a text, "n" a null, "bFILE" a buffer that holds the file and is
  * written back to it, "tN" N pointers that are printed, "rFILE" and "wFILE" a stream, "oFILE" a descriptor for
- * reading, "@N" the address N bytes into the attached segment, "=" the last result.
+ * reading, "@N" the address N bytes into the attached segment, "=" the last result, "&NAME+N" the address N bytes
+ * into a block of memory, or the result that was kept under that name.
  * Or it is for the host itself: errno N (before each later call), null STREAM, copies N (what the helpers answer;
  * 2: success without a copy; 3: the same, and from then on a failure), answer N (of the login and of deldir), set and
- * get NAME (an exported variable), alarm and timer (what is pending), state (what the process has become). */
+ * get NAME (an exported variable), alarm and timer (what is pending), state (what the process has become).
+ * Blocks of memory live as long as the process: memory NAME SIZE (of zeros), keep NAME (the last result), last NAME
+ * (the last result into an exported variable), poke NAME OFFSET FILE, dump NAME OFFSET SIZE FILE, texts NAME TEXT...
+ * (a table of texts, closed by a null), point NAME OFFSET OTHER (to its address), say NAME OFFSET TEXT (to a copy),
+ * show NAME OFFSET (the text that stands at the address there), number NAME OFFSET (four bytes). */
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -32,7 +37,7 @@ FILE *backuplog;
 FILE *fplog;
 char cmdname[16];
 
-enum { kResults = 400, kTrace = 401, kWords = 16, kTable = 256 }; /* descriptors no detached process closes */
+enum { kResults = 400, kTrace = 401, kWords = 16, kTable = 256, kBlocks = 32, kArguments = 6 }; /* descriptors no detached process closes */
 
 static const char *folder;
 static int preset; /* errno before a call */
@@ -124,6 +129,62 @@ static void printState(void) {
   dprintf(kResults, " alarm=%s name=%s\n", action.sa_handler == SIG_DFL ? "default" : "caught", cmdname);
 }
 
+static struct {
+  char *name;
+  char *at;
+} block[kBlocks];
+
+/* NAME or NAME+N. */
+static char *blockAt(char *text) {
+  char *plus = strchr(text, '+');
+  size_t length = plus ? (size_t)(plus - text) : strlen(text);
+  for (int each = 0; each < kBlocks && block[each].name; each++)
+    if (strlen(block[each].name) == length && strncmp(block[each].name, text, length) == 0)
+      return block[each].at + (plus ? atol(plus) : 0);
+  dprintf(kResults, "no block %s\n", text);
+  _exit(6);
+}
+
+static void nameBlock(const char *name, void *at) {
+  int each = 0;
+  while (each < kBlocks - 1 && block[each].name && strcmp(block[each].name, name) != 0) each++;
+  block[each].name = strdup(name);
+  block[each].at = at;
+}
+
+static void pokeFile(char *to, const char *path) {
+  FILE *in = fopen(path, "rb");
+  if (!in) _exit(8);
+  for (int byte; (byte = getc(in)) != EOF;) *to++ = (char)byte;
+  fclose(in);
+}
+
+static void dumpFile(const char *from, size_t size, const char *path) {
+  FILE *out = fopen(path, "wb");
+  if (!out || fwrite(from, 1, size, out) != size) _exit(8);
+  fclose(out);
+}
+
+static void blocks(void *module, char **word, int words, long last) {
+  if (strcmp(word[0], "memory") == 0) nameBlock(word[1], calloc(1, (size_t)atol(word[2])));
+  if (strcmp(word[0], "keep") == 0) nameBlock(word[1], (void *)last);
+  if (strcmp(word[0], "last") == 0) *(int *)dlsym(module, word[1]) = (int)last;
+  if (strcmp(word[0], "poke") == 0) pokeFile(blockAt(word[1]) + atol(word[2]), word[3]);
+  if (strcmp(word[0], "dump") == 0) dumpFile(blockAt(word[1]) + atol(word[2]), (size_t)atol(word[3]), word[4]);
+  if (strcmp(word[0], "point") == 0) *(char **)(blockAt(word[1]) + atol(word[2])) = blockAt(word[3]);
+  if (strcmp(word[0], "say") == 0) *(char **)(blockAt(word[1]) + atol(word[2])) = strdup(word[3]);
+  if (strcmp(word[0], "number") == 0) dprintf(kResults, "%d\n", *(int *)(blockAt(word[1]) + atol(word[2])));
+  if (strcmp(word[0], "show") == 0) {
+    const char *text = *(char **)(blockAt(word[1]) + atol(word[2]));
+    dprintf(kResults, "%s\n", text ? text : "(null)");
+  }
+  if (strcmp(word[0], "texts") == 0) {
+    char **table = calloc(kWords, sizeof *table);
+    for (int at = 2; at < words; at++) table[at - 2] = strdup(word[at]);
+    nameBlock(word[1], table);
+  }
+}
+
 static void own(void *module, char **word) {
   if (strcmp(word[0], "errno") == 0) preset = atoi(word[1]);
   if (strcmp(word[0], "alarm") == 0) dprintf(kResults, "alarm %u\n", alarm(0));
@@ -155,6 +216,7 @@ static struct Argument makeArgument(void *module, char *word, long last) {
     case 'i': made.value = strtol(word + 1, NULL, 10); break;
     case 's': made.value = (long)strdup(word + 1); break;
     case '=': made.value = last; break;
+    case '&': made.value = (long)blockAt(word + 1); break;
     case 'r':
     case 'w': made.value = (long)fopen(word + 1, word[0] == 'r' ? "r" : "w"); break;
     case 'o': made.value = open(word + 1, O_RDONLY); break;
@@ -199,20 +261,21 @@ static void giveBack(const struct Argument *argument) {
   }
 }
 
-typedef long (*Call)(long, long, long, long, long);
-typedef int (*IntCall)(long, long, long, long, long);
-typedef double (*DoubleCall)(long, long, long, long, long);
+typedef long (*Call)(long, long, long, long, long, long);
+typedef int (*IntCall)(long, long, long, long, long, long);
+typedef double (*DoubleCall)(long, long, long, long, long, long);
 
 static long call(void *module, char **word, int words, long last) {
-  struct Argument argument[5] = {{0, NULL, 0, 0}};
+  struct Argument argument[kArguments] = {{0, NULL, 0, 0}};
   long result = 0;
-  for (int at = 2; at < words && at < 7; at++) argument[at - 2] = makeArgument(module, word[at], last);
+  for (int at = 2; at < words && at < 2 + kArguments; at++) argument[at - 2] = makeArgument(module, word[at], last);
   void *found = dlsym(module, word[1]);
   if (!found) {
     dprintf(kResults, "%s is not exported\n", word[1]);
     _exit(7);
   }
-#define ARGUMENTS argument[0].value, argument[1].value, argument[2].value, argument[3].value, argument[4].value
+#define ARGUMENTS                                                                                             \
+  argument[0].value, argument[1].value, argument[2].value, argument[3].value, argument[4].value, argument[5].value
   errno = preset;
   if (strcmp(word[0], "long") == 0 || strcmp(word[0], "text") == 0) {
     result = ((Call)found)(ARGUMENTS);
@@ -225,7 +288,7 @@ static long call(void *module, char **word, int words, long last) {
   if (strcmp(word[0], "int") == 0 || strcmp(word[0], "long") == 0) dprintf(kResults, "%s %ld", word[1], result);
   if (strcmp(word[0], "void") == 0) dprintf(kResults, "%s", word[1]);
   fflush(NULL);
-  for (int at = 0; at < 5; at++) giveBack(&argument[at]);
+  for (int at = 0; at < kArguments; at++) giveBack(&argument[at]);
   dprintf(kResults, "\n");
   return result;
 }
@@ -238,7 +301,7 @@ static int isCall(const char *kind) {
 }
 
 int main(int argc, char **argv) {
-  static char line[65536];
+  static char line[262144];
   long last = 0;
   if (argc != 5) return 2;
   snprintf(ZULhome, sizeof ZULhome, "%s", argv[2]);
@@ -262,10 +325,12 @@ int main(int argc, char **argv) {
     char *word[kWords] = {NULL};
     int words = 0;
     for (char *part; words < kWords && (part = strsep(&each, " "));) word[words++] = unescape(part);
-    if (isCall(word[0]))
+    if (isCall(word[0])) {
       last = call(module, word, words, last);
-    else
+    } else {
       own(module, word);
+      blocks(module, word, words, last);
+    }
   }
   fflush(NULL);
   _exit(0);

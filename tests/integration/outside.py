@@ -57,6 +57,11 @@ def InSegment(offset):
     return Argument("@", offset)
 
 
+def Memory(name, offset=0):
+    """An address in a block of the host's, or a result that was kept under this name."""
+    return Argument("&", f"{name}+{offset}")
+
+
 LAST = Argument("=", "")
 
 
@@ -148,7 +153,8 @@ class Host:
         with open(os.path.join(folder, "script"), "w") as script:
             for line in lines:
                 is_call = line[0].split()[0] in ("int", "long", "text", "void", "double")
-                words = [script_word(word) if is_call else str(word) for word in line[1:]]
+                words = [script_word(word) if is_call else urllib.parse.quote(str(word), encoding="latin-1")
+                         for word in line[1:]]
                 script.write(" ".join([line[0], *words]) + "\n")
         environment = {**os.environ, "ASAN_OPTIONS": "detect_leaks=0", "TZ": "UTC", "LC_ALL": "C"}
         with open(os.path.join(folder, "stderr"), "wb") as err:
