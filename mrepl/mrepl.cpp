@@ -4,6 +4,7 @@
 // The host calls mreplicate in a process of its own for every MREPL request. All answers go to
 // standard error, which the host relays to the operator, or to the sending host's fan-out.
 #include <dirent.h>
+#include <errno.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -160,20 +161,15 @@ int mreplicate(char *cmdline) {
 }
 
 int mreplgetjobids(void) {
+  // With the '/' at its end a link that stands for the folder is as good as the folder, and a file
+  // in its place looks like nothing.
   base::HomePath path("%s", mrepl::kJobFolder);
-  // Without the '/' at its end, which would make a file in the folder's place look like nothing.
-  base::HomePath folder("%.*s", static_cast<int>(strlen(mrepl::kJobFolder)) - 1, mrepl::kJobFolder);
   struct stat status;
-  DIR *dir = nullptr;
-  if (lstat(folder, &status) == 0 && !S_ISDIR(status.st_mode)) {
-    base::print(stderr, "ERROR:  8608 Replication job directory does not exist: %s\n",
-                path.c_str());
-    return -1;
-  }
-  dir = opendir(path);
+  bool isOther = lstat(path, &status) != 0 && errno == ENOTDIR;
+  DIR *dir = isOther ? nullptr : opendir(path);
   if (!dir) {
-    base::print(stderr, "ERROR:  8607 Replication job directory does not exist: %s\n",
-                path.c_str());
+    base::print(stderr, "ERROR:  %i Replication job directory does not exist: %s\n",
+                isOther ? 8608 : 8607, path.c_str());
     return -1;
   }
   const char *divider = "";

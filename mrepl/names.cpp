@@ -5,7 +5,6 @@
 #include <stdlib.h>
 #include <string.h>
 #include <zul/host.h>
-#include <zul/module.h>
 #include <zul/mrepl.h>
 
 #include "base/fd.h"
@@ -14,6 +13,7 @@
 #include "base/site.h"
 #include "base/text.h"
 #include "mrepl/jobfile.h"
+#include "mrepl/run.h"
 
 namespace {
 
@@ -174,7 +174,7 @@ int readXformList(const char *path) {
     char *blank = strchr(line, ' ');
     const char *to = blank ? blank + strspn(blank, " ") : "";
     if (to[0] == '\0') continue;
-    if (dlvl != 0) base::print(fplog, "DEBUG: Include list entry:  %s\n", line);
+    if (mrepl::debugging()) base::print(fplog, "DEBUG: Include list entry:  %s\n", line);
     if (addPair(&listed, line, static_cast<size_t>(blank - line), to) != 0) return -1;
   }
   setXformDataStruct(&listed);

@@ -18,7 +18,8 @@
  * Blocks of memory live as long as the process: memory NAME SIZE (of zeros), keep NAME (the last result), last NAME
  * (the last result into an exported variable), poke NAME OFFSET FILE, dump NAME OFFSET SIZE FILE, texts NAME TEXT...
  * (a table of texts, closed by a null), point NAME OFFSET OTHER (to its address), say NAME OFFSET TEXT (to a copy),
- * show NAME OFFSET (the text that stands at the address there), number NAME OFFSET (four bytes). */
+ * show NAME OFFSET (the text at the address that stands there), copy NAME SIZE FILE (as many bytes from there), number
+ * NAME OFFSET (four bytes), symbol NAME EXPORTED (the address of a variable). */
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -173,6 +174,8 @@ static void blocks(void *module, char **word, int words, long last) {
   if (strcmp(word[0], "dump") == 0) dumpFile(blockAt(word[1]) + atol(word[2]), (size_t)atol(word[3]), word[4]);
   if (strcmp(word[0], "point") == 0) *(char **)(blockAt(word[1]) + atol(word[2])) = blockAt(word[3]);
   if (strcmp(word[0], "say") == 0) *(char **)(blockAt(word[1]) + atol(word[2])) = strdup(word[3]);
+  if (strcmp(word[0], "copy") == 0) dumpFile(*(char **)blockAt(word[1]), (size_t)atol(word[2]), word[3]);
+  if (strcmp(word[0], "symbol") == 0) nameBlock(word[1], dlsym(module, word[2]));
   if (strcmp(word[0], "number") == 0) dprintf(kResults, "%d\n", *(int *)(blockAt(word[1]) + atol(word[2])));
   if (strcmp(word[0], "show") == 0) {
     const char *text = *(char **)(blockAt(word[1]) + atol(word[2]));
