@@ -36,11 +36,17 @@ uint64_t amountOf(const json &object, const char *name) {
   return value > 0 ? static_cast<uint64_t>(value) : 0;
 }
 
+std::optional<uint64_t> foldersOf(const json &object) {
+  if (!object.contains("folders")) return std::nullopt;
+  return amountOf(object, "folders");
+}
+
 HostProgress hostOf(const json &object) {
   HostProgress host;
   host.host = textOf(object, "host");
   host.state = textOf(object, "state");
   host.files = amountOf(object, "files");
+  host.folders = foldersOf(object);
   host.bytes = amountOf(object, "bytes");
   host.rate = amountOf(object, "rate");
   host.error = textOf(object, "error");
@@ -66,6 +72,7 @@ std::optional<Progress> parseProgress(const std::string &text) {
   progress.volume = numberOf(object, "volume", -1);
   progress.level = numberOf(object, "level", -1);
   progress.files = amountOf(object, "files");
+  progress.folders = foldersOf(object);
   progress.bytes = amountOf(object, "bytes");
   progress.rate = amountOf(object, "rate");
   progress.expectedBytes = amountOf(object, "expectedBytes");

@@ -15,6 +15,7 @@ struct HostProgress {
   uint64_t bytes = 0;
   uint64_t rate = 0;  // bytes a second
   std::string error;
+  std::optional<uint64_t> folders = {};  // where they are counted apart from files
 };
 
 struct Progress {
@@ -26,6 +27,7 @@ struct Progress {
   int64_t started = 0, updated = 0, ended = 0;             // seconds since 1970
   int64_t drive = -1, tape = -1, volume = -1, level = -1;  // -1: does not apply
   uint64_t files = 0, bytes = 0, rate = 0;
+  std::optional<uint64_t> folders;
   uint64_t expectedBytes = 0;  // 0: unknown
   // Of restores, which know how many packages they look for and not how many bytes these hold.
   uint64_t packages = 0, wantedPackages = 0;

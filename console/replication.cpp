@@ -63,7 +63,7 @@ void showResults(const ReplicateOptions &options) {
       printOut(oneLine(result.host) + " FAILED: " + oneLine(result.reason) + "\n");
   }
   printOut(countText(done, "host") + " done, " + std::to_string(failed) + " failed; " +
-           countText(kept, "file") + " kept as they were\n");
+           std::to_string(kept) + " files and folders kept as they were\n");
   if (failed > 0)
     printOut("When that is mended: zul replicate " + oneLine(options.job) +
              " --retry-failed --follow\n");
@@ -83,13 +83,15 @@ nlohmann::ordered_json jsonOf(const PreviewEntry &entry) {
 }
 
 void showPreview(const Preview &preview, bool json) {
-  uint64_t files = 0, bytes = 0, unsent = 0;
+  uint64_t files = 0, folders = 0, bytes = 0, unsent = 0;
   nlohmann::ordered_json list = {{"hosts", preview.hosts},
                                  {"entries", nlohmann::ordered_json::array()}};
   for (const PreviewEntry &entry : preview.entries) {
     bool sent = entry.type == "f" || entry.type == "d" || entry.type == "l";
     unsent += !sent;
-    files += entry.type == "f";
+    // Counted as the results count what was sent.
+    files += entry.type == "f" || entry.type == "l";
+    folders += entry.type == "d";
     if (entry.type == "f") bytes += strtoull(entry.size.c_str(), nullptr, 10);
     if (json) list["entries"].push_back(jsonOf(entry));
   }
@@ -102,7 +104,7 @@ void showPreview(const Preview &preview, bool json) {
   if (preview.entries.size() > kMostShown)
     printOut("... and " + std::to_string(preview.entries.size() - kMostShown) +
              " more; --json has all of them\n");
-  printOut(countText(files, "file") + ", " + sizeText(bytes) + ", to each of " +
+  printOut(amountText(files, folders, bytes) + ", to each of " +
            countText(preview.hosts.size(), "host") + ":");
   for (const std::string &host : preview.hosts) printOut(" " + oneLine(host));
   printOut("\n");

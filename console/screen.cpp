@@ -49,9 +49,11 @@ int urgency(const HostProgress &host) {
 }
 
 std::string hostLine(const HostProgress &host, size_t nameWidth) {
-  std::string line =
-      "  " + column(oneLine(host.host), nameWidth) + "  " + column(oneLine(host.state), 8) + "  " +
-      rightColumn(countText(host.files, "file"), 14) + "  " + rightColumn(sizeText(host.bytes), 10);
+  std::string line = "  " + column(oneLine(host.host), nameWidth) + "  " +
+                     column(oneLine(host.state), 8) + "  " +
+                     rightColumn(countText(host.files, "file"), 14);
+  if (host.folders) line += "  " + rightColumn(countText(*host.folders, "folder"), 14);
+  line += "  " + rightColumn(sizeText(host.bytes), 10);
   if (host.state == "running") line += "  " + rightColumn(sizeText(host.rate) + "/s", 12);
   if (!host.error.empty()) line += "  " + oneLine(host.error);
   return line;
@@ -75,7 +77,7 @@ std::string headLine(const Progress &progress) {
 std::string hostChange(const HostProgress &host) {
   std::string text = "host " + oneLine(host.host) + ": " + oneLine(host.state);
   if (host.state == "done" || host.state == "failed")
-    text += ", " + countText(host.files, "file") + ", " + sizeText(host.bytes);
+    text += ", " + amountText(host.files, host.folders, host.bytes);
   if (!host.error.empty()) text += ", " + oneLine(host.error);
   return text;
 }
@@ -99,7 +101,7 @@ std::string drawBar(const Progress &progress, int width) {
 }
 
 std::string totalText(const Progress &progress) {
-  std::string text = countText(progress.files, "file") + ", " + sizeText(progress.bytes);
+  std::string text = amountText(progress.files, progress.folders, progress.bytes);
   if (progress.expectedBytes > 0 && progress.running())
     text += " of about " + sizeText(progress.expectedBytes);
   if (progress.running()) text += ", " + sizeText(progress.rate) + "/s";

@@ -139,6 +139,11 @@ std::string countText(uint64_t count, const std::string &noun) {
   return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
 }
 
+std::string amountText(uint64_t files, std::optional<uint64_t> folders, uint64_t bytes) {
+  return countText(files, "file") + (folders ? ", " + countText(*folders, "folder") : "") + ", " +
+         sizeText(bytes);
+}
+
 std::string TerminalFilter::operator()(std::string_view bytes) {
   carry_ += bytes;
   std::string text;

@@ -20,6 +20,8 @@ std::string durationText(int64_t seconds);
 std::string timeText(int64_t seconds);
 // "1 file", "3 files".
 std::string countText(uint64_t count, const std::string &noun);
+// "3 files, 1 folder, 1.5 MiB"; without folders where nobody counted them apart.
+std::string amountText(uint64_t files, std::optional<uint64_t> folders, uint64_t bytes);
 
 // Makes bytes from a daemon, a tape or another host harmless for a terminal: control bytes, C1
 // control characters and bytes that are no UTF-8 become "\x1b"-like texts; line feeds and tabs

@@ -39,6 +39,16 @@ struct Receiver {
 Receiver receiver = {"", -1, false, -1, "", 0, "", 0};
 Delivery *account = &nobody;
 
+// What the account had before the last entry was sent.
+struct Counts {
+  uint64_t files, folders, bytes;
+};
+Counts before = {};
+
+void setTo(uint64_t *count, uint64_t value) {
+  __atomic_store_n(count, value, __ATOMIC_RELAXED);
+}
+
 // A line of the receiver, whose bytes are somebody else's.
 void takeLine() {
   receiver.line[receiver.used] = '\0';
@@ -72,6 +82,7 @@ void takeBytes(const char *bytes, size_t count) {
 void keepAccount(Delivery *to) {
   memset(&nobody, 0, sizeof nobody);
   account = to ? to : &nobody;
+  beginEntry();
 }
 
 void watchReceiver(const char *host, int console) {
@@ -83,7 +94,11 @@ Delivery *delivery() {
 }
 
 void countUp(uint64_t *count, uint64_t by) {
-  __atomic_store_n(count, *count + by, __ATOMIC_RELAXED);
+  setTo(count, *count + by);
+}
+
+void beginEntry() {
+  before = {account->files, account->folders, account->bytes};
 }
 
 void noteReason(const char *format, ...) {
@@ -104,7 +119,12 @@ void noteFailure(const char *line, const char *path, bool sent) {
   base::copyText(why, sizeof why, from ? from + 1 : "");
   for (char *at = why; *at; at++)
     if (iscntrl(static_cast<unsigned char>(*at))) *at = at[1] ? '?' : '\0';
-  if (sent && account->files > 0) countUp(&account->files, static_cast<uint64_t>(-1));
+  if (sent) {
+    setTo(&account->files, before.files);
+    setTo(&account->folders, before.folders);
+    setTo(&account->bytes, before.bytes);
+  }
+  beginEntry();  // said twice, it takes nothing more back
   countUp(&account->failed);
   noteReason("%.160s", why);
   if (account->failed <= kMostFailures)

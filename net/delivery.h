@@ -13,8 +13,9 @@ namespace net {
 // writes, and the driver looks at the counts at any moment, at the texts when the process has
 // ended.
 struct Delivery {
-  uint64_t files;       // sent, and not reported as failed
-  uint64_t bytes;       // on the stream, headers included
+  uint64_t files;       // sent, and not reported as failed; links among them
+  uint64_t folders;     // the same of folders
+  uint64_t bytes;       // contents of the regular files among them, and of the one on its way
   uint64_t kept;        // the target has them and did not ask
   uint64_t failed;      // the target could not make them
   uint64_t unreadable;  // could not be opened here
@@ -30,6 +31,8 @@ void watchReceiver(const char *host, int console);
 // The account in force; never null.
 Delivery *delivery();
 void countUp(uint64_t *count, uint64_t by = 1);
+// The account as it stands before a file is sent: what noteFailure goes back to.
+void beginEntry();
 // Notes why, unless an earlier reason stands.
 void noteReason(const char *format, ...) __attribute__((format(printf, 1, 2)));
 

@@ -204,7 +204,10 @@ int answerNext() {
 }
 
 void countSent(const Source &source) {
-  if (source.header.type <= 2) countUp(&delivery()->files);
+  if (source.header.type == 1)
+    countUp(&delivery()->folders);
+  else if (source.header.type <= 2)
+    countUp(&delivery()->files);
   if (!source.explained) return;
   countUp(&delivery()->unreadable);
   noteReason("%.160s cannot be read on this host", source.path);
@@ -215,6 +218,7 @@ int answerGet() {
   Source &source = dialogue.source;
   long sent;
   dialogue.asked = true;
+  beginEntry();
   if (source.pinned && dialogue.described) {
     base::setAlarmTimerMs(timeouts.fileMs);
     sent = sendSource(&source, dialogue.sd);

@@ -64,7 +64,8 @@ bool writeOut(Transfer *transfer, const void *data, size_t n) {
   size_t done;
   bool all = writeBoth(transfer->sd, transfer->head, headBytes, data, n, &done);
   transfer->sent += static_cast<long>(done);
-  countUp(&delivery()->bytes, done);
+  if (transfer->source->header.type == 0 && done > headBytes)
+    countUp(&delivery()->bytes, done - headBytes);
   if (done >= headBytes) transfer->headDue = false;
   return all;
 }

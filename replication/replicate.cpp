@@ -372,7 +372,7 @@ void ReplicationJob::fail(int at, const char *why) {
   finished_++;
   failed_ += !good;
   long long lasted = target.begunMs ? base::nowMs() - target.begunMs : 0;
-  progress_.setCounts(at, accounts_[at].files, accounts_[at].bytes);
+  progress_.setCounts(at, accounts_[at].files, accounts_[at].folders, accounts_[at].bytes);
   progress_.hostChanged(at, good ? tape::HostState::done : tape::HostState::failed, why);
   results_.add(target.host, good ? "done" : "failed", why, accounts_[at], lasted);
   if (!good && soundReceive())
@@ -407,6 +407,7 @@ void ReplicationJob::awaitNews() const {
 void ReplicationJob::refreshProgress() {
   for (int at = 0; at < count_; at++)
     progress_.setCounts(at, __atomic_load_n(&accounts_[at].files, __ATOMIC_RELAXED),
+                        __atomic_load_n(&accounts_[at].folders, __ATOMIC_RELAXED),
                         __atomic_load_n(&accounts_[at].bytes, __ATOMIC_RELAXED));
   progress_.refresh();
 }

@@ -29,8 +29,9 @@ void Results::add(const char *host, const char *state, const char *reason,
   base::writeJsonText(out, host);
   fprintf(out, ",\"state\":\"%s\",\"reason\":", state);
   base::writeJsonText(out, reason);
-  fprintf(out, ",\"files\":%" PRIu64 ",\"bytes\":%" PRIu64 ",\"seconds\":%lld.%03lld",
-          account.files, account.bytes, ms / 1000, ms % 1000);
+  fprintf(out, ",\"files\":%" PRIu64 ",\"folders\":%" PRIu64 ",\"bytes\":%" PRIu64, account.files,
+          account.folders, account.bytes);
+  fprintf(out, ",\"seconds\":%lld.%03lld", ms / 1000, ms % 1000);
   fprintf(out, ",\"kept\":%" PRIu64 ",\"failed\":%" PRIu64 ",\"unreadable\":%" PRIu64 "}\n",
           account.kept, account.failed, account.unreadable);
   fflush(out);

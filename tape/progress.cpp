@@ -29,17 +29,6 @@ uint64_t bytesPerSecond(uint64_t bytes, long long fromMs, long long toMs) {
   return static_cast<uint64_t>(static_cast<double>(bytes) * 1000 / static_cast<double>(lasted));
 }
 
-void writeHost(FILE *out, const HostProgress &host, long long nowMs) {
-  fputs("{\"host\":", out);
-  base::writeJsonText(out, host.host);
-  fprintf(out, ",\"state\":\"%s\",\"files\":%" PRIu64 ",\"bytes\":%" PRIu64 ",\"rate\":%" PRIu64,
-          stateName(host.state), host.files, host.bytes,
-          bytesPerSecond(host.bytes, host.begunMs, host.endedMs ? host.endedMs : nowMs));
-  fputs(",\"error\":", out);
-  base::writeJsonText(out, host.error);
-  putc('}', out);
-}
-
 }  // namespace
 
 JobProgress::~JobProgress() {
@@ -102,11 +91,13 @@ void JobProgress::addPackage(int at, bool newFile, uint64_t bytes) {
   bytes_ += bytes;
 }
 
-void JobProgress::setCounts(int at, uint64_t files, uint64_t bytes) {
+void JobProgress::setCounts(int at, uint64_t files, uint64_t folders, uint64_t bytes) {
   HostProgress &target = host(at);
   files_ += files - target.files;
+  folders_ += folders - target.folders;
   bytes_ += bytes - target.bytes;
   target.files = files;
+  target.folders = folders;
   target.bytes = bytes;
 }
 
@@ -140,6 +131,24 @@ void JobProgress::writeKind(FILE *out) {
           level_);
 }
 
+// A backup counts packages, and has no number of folders.
+void JobProgress::writeCounts(FILE *out, uint64_t files, uint64_t folders, uint64_t bytes) {
+  fprintf(out, ",\"files\":%" PRIu64, files);
+  if (replication_) fprintf(out, ",\"folders\":%" PRIu64, folders);
+  fprintf(out, ",\"bytes\":%" PRIu64, bytes);
+}
+
+void JobProgress::writeHost(FILE *out, const HostProgress &host) {
+  fputs("{\"host\":", out);
+  base::writeJsonText(out, host.host);
+  fprintf(out, ",\"state\":\"%s\"", stateName(host.state));
+  writeCounts(out, host.files, host.folders, host.bytes);
+  fprintf(out, ",\"rate\":%" PRIu64 ",\"error\":",
+          bytesPerSecond(host.bytes, host.begunMs, host.endedMs ? host.endedMs : writtenMs_));
+  base::writeJsonText(out, host.error);
+  putc('}', out);
+}
+
 void JobProgress::write() {
   if (!begun_) return;
   writtenMs_ = base::nowMs();
@@ -155,7 +164,8 @@ void JobProgress::write() {
           getpid(), state_, static_cast<int64_t>(started_), static_cast<int64_t>(time(nullptr)));
   fprintf(out, ",\"ended\":%" PRId64, static_cast<int64_t>(ended_));
   writeKind(out);
-  fprintf(out, ",\"files\":%" PRIu64 ",\"bytes\":%" PRIu64 ",\"rate\":%" PRIu64, files_, bytes_,
+  writeCounts(out, files_, folders_, bytes_);
+  fprintf(out, ",\"rate\":%" PRIu64,
           bytesPerSecond(bytes_, begunMs_, endedMs_ ? endedMs_ : writtenMs_));
   fprintf(out, ",\"expectedBytes\":%" PRIu64 ",\"result\":", expected_);
   if (hasResult_)
@@ -167,7 +177,7 @@ void JobProgress::write() {
   fputs(",\"hosts\":[", out);
   for (int at = 0; at < hostCount_; at++) {
     if (at > 0) putc(',', out);
-    writeHost(out, hosts_[at], writtenMs_);
+    writeHost(out, hosts_[at]);
   }
   fputs("]}\n", out);
   if (!file.close() || rename(temporary_, path_) != 0) unlink(temporary_);

@@ -17,7 +17,8 @@ struct HostProgress {
   char host[64] = "";
   HostState state = HostState::waiting;
   uint64_t files = 0;
-  uint64_t bytes = 0;  // headers included
+  uint64_t folders = 0;  // of a replication; a backup counts them with the files
+  uint64_t bytes = 0;    // of a backup: headers included
   long long begunMs = 0;
   long long endedMs = 0;
   char error[128] = "";
@@ -46,8 +47,8 @@ class JobProgress {
   HostProgress &host(int at);
   void hostChanged(int at, HostState state, const char *error = "");
   void addPackage(int at, bool newFile, uint64_t bytes);
-  // What a member has altogether.
-  void setCounts(int at, uint64_t files, uint64_t bytes);
+  // What a member of a replication has altogether.
+  void setCounts(int at, uint64_t files, uint64_t folders, uint64_t bytes);
 
   // Writes the record when the last one is half a second old. True when that time had come.
   bool refresh();
@@ -58,6 +59,8 @@ class JobProgress {
  private:
   void write();
   void writeKind(FILE *out);
+  void writeCounts(FILE *out, uint64_t files, uint64_t folders, uint64_t bytes);
+  void writeHost(FILE *out, const HostProgress &host);
 
   bool replication_ = false;
   base::HomePath path_{"%s", ""};
@@ -72,6 +75,7 @@ class JobProgress {
   int tape_ = 0;
   int volume_ = 0;
   uint64_t files_ = 0;
+  uint64_t folders_ = 0;
   uint64_t bytes_ = 0;
   uint64_t expected_ = 0;
   long long begunMs_ = 0;

@@ -234,6 +234,19 @@ TEST(Ends, OfFailedJobsNameResultAndError) {
   EXPECT_EQ(lines[2], "one host failed");
 }
 
+TEST(Replications, NameFilesAndFoldersApart) {
+  Progress progress =
+      parseProgress(
+          R"({"kind":"replication","job":5,"pid":5,"state":"done","started":1000,"updated":1002,)"
+          R"("ended":1002,"files":5718,"folders":1083,"bytes":1048576,"hosts":[)"
+          R"({"host":"h2","state":"done","files":1,"folders":0,"bytes":1048576}]})")
+          .value();
+  EXPECT_EQ(totalText(progress), "5718 files, 1083 folders, 1.0 MiB, 0:00:02");
+  EXPECT_EQ(describeChange(nullptr, progress)[1], "host h2: done, 1 file, 0 folders, 1.0 MiB");
+  std::vector<std::string> screen = drawProgress(progress, 100, 20);
+  EXPECT_NE(screen[2].find("1 file       0 folders     1.0 MiB"), std::string::npos) << screen[2];
+}
+
 TEST(Restores, HaveABarByPackagesAndNameTheDestination) {
   Progress progress =
       parseProgress(

@@ -196,9 +196,10 @@ TEST_P(Driver, ATargetThatIsDownCostsOnlyItself) {
     EXPECT_NE(results().find("{\"host\":\"127.0.0.2\",\"state\":\"failed\",\"reason\":\"no "
                              "connection to its agent\""),
               std::string::npos);
-    EXPECT_NE(
-        results().find("{\"host\":\"127.0.0.3\",\"state\":\"done\",\"reason\":\"\",\"files\":6,"),
-        std::string::npos)
+    // Two files and a link; the folder and those above it; the contents of the files.
+    EXPECT_NE(results().find("{\"host\":\"127.0.0.3\",\"state\":\"done\",\"reason\":\"\","
+                             "\"files\":3,\"folders\":3,\"bytes\":1500005,\"seconds\":"),
+              std::string::npos)
         << results();
   });
 }
@@ -323,7 +324,7 @@ TEST_P(Driver, KeepsARecordOfItsProgress) {
     EXPECT_EQ(record.find("{\"kind\":\"replication\",\"job\":5,\"name\":\"copy\",\"pid\":"), 0u)
         << record;
     EXPECT_NE(record.find("\"state\":\"done\""), std::string::npos);
-    EXPECT_NE(record.find("\"files\":6,"), std::string::npos) << record;
+    EXPECT_EQ(count(record, "\"files\":3,\"folders\":3,\"bytes\":1500005,"), 2) << record;
     EXPECT_NE(record.find("\"hosts\":[{\"host\":\"127.0.0.2\",\"state\":\"done\""),
               std::string::npos);
     EXPECT_EQ(record.find("\"drive\""), std::string::npos);
@@ -467,7 +468,9 @@ TEST_P(SoundDriver, WhatATargetCannotMakeIsNamed) {
     EXPECT_NE(results().find("\"reason\":\"1 files failed, the first: cannot put in place"),
               std::string::npos)
         << results();
-    EXPECT_NE(results().find("\"files\":5,"), std::string::npos) << results();
+    // What it could not make is on no account, neither as a file nor with its bytes.
+    EXPECT_NE(results().find("\"files\":2,\"folders\":3,\"bytes\":1500000,"), std::string::npos)
+        << results();
   });
 }
 
