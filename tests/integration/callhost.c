@@ -38,7 +38,8 @@ FILE *backuplog;
 FILE *fplog;
 char cmdname[16];
 
-enum { kResults = 400, kTrace = 401, kWords = 16, kTable = 256, kBlocks = 32, kArguments = 6 }; /* descriptors no detached process closes */
+enum { kWords = 16, kTable = 256, kBlocks = 32, kArguments = 6 };
+enum { kResults = 400, kTrace = 401 }; /* descriptors no detached process closes */
 
 static const char *folder;
 static int preset; /* errno before a call */
