@@ -65,6 +65,7 @@ class GatherLoop {
  private:
   bool startNext();
   bool visit(int at);
+  bool goesByItsName(int at);
   bool copy(int at);
   void finishMember(int at);
   void failMember(int at, const char *why);
@@ -155,8 +156,30 @@ bool GatherLoop::visit(int at) {
   return member.hasPackage() && copy(at);
 }
 
+// A host names itself in every package, and restores go by that name: one that takes another's
+// would have its files put on that host.
+bool GatherLoop::goesByItsName(int at) {
+  Member &member = members_[at];
+  bool begins = member.name()[0] == '\0';
+  if (!member.takeName()) {
+    member.refuse("it changed its name from one package to the next");
+    return false;
+  }
+  if (!begins || strcmp(member.slot()->host, member.name()) == 0) return true;
+  for (int other = 0; other < count_; other++) {
+    if (other == at || member.name()[0] == '\0') continue;
+    if (strcmp(members_[other].name(), member.name()) == 0 ||
+        strcmp(progress_.host(other).host, member.name()) == 0) {
+      member.refuse("it has the node name of another host of the job; give it one of its own");
+      return false;
+    }
+  }
+  return true;
+}
+
 bool GatherLoop::copy(int at) {
   Member &member = members_[at];
+  if (base::sound(base::Area::security) && !goesByItsName(at)) return true;
   Copied copied = copyPackage(member.slot(), run_.tapefd, vollist_);
   wrote_ |= copied.reachedTape;
   bool backupSound = base::sound(base::Area::backup);

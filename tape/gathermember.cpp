@@ -103,6 +103,20 @@ void Member::stop() {
   if (!reaped_) kill(pid_, SIGKILL);
 }
 
+void Member::refuse(const char *why) {
+  base::copyText(refused_, sizeof refused_, why);
+  stop();
+}
+
+bool Member::takeName() {
+  const char *said = slot_->pack.fromhost;
+  if (!named_) {
+    base::copyText(name_, sizeof name_, said);
+    named_ = true;
+  }
+  return strncmp(name_, said, sizeof name_ - 1) == 0;
+}
+
 void Member::reap() {
   if (reaped_ || pid_ <= 0 || state_ == State::over) return;
   int status;
@@ -156,7 +170,9 @@ void Member::awaitEnd(int limitMs) {
 
 const char *Member::failure(char *text, size_t room) const {
   int flags = base::loadWord(slot_->cst.flags);
-  if (pid_ <= 0)
+  if (refused_[0] != '\0')
+    base::copyText(text, room, refused_);
+  else if (pid_ <= 0)
     snprintf(text, room, "no gathering process could be started");
   else if (reaped_ && WIFSIGNALED(status_))
     snprintf(text, room, "its gathering process was killed by signal %i", WTERMSIG(status_));

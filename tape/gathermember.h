@@ -45,6 +45,12 @@ class Member {
   void tearOff() { torn_ = true; }
   // The same, and its child is ended at once. It holds nothing that needs an orderly end.
   void stop();
+  // The same, because of what the host did.
+  void refuse(const char *why);
+  // What the host calls itself, from its first package on; empty before.
+  const char *name() const { return name_; }
+  // Takes the name in the slot's header; false when the host went by another one before.
+  bool takeName();
   // Gives up a host that was not started.
   void abandon() { state_ = State::over; }
 
@@ -71,6 +77,9 @@ class Member {
   bool reaped_ = false;
   int status_ = 0;
   bool torn_ = false;
+  bool named_ = false;
+  char name_[64] = "";  // as long as the field of a header
+  char refused_[128] = "";
   bool noted_ = false;
 };
 

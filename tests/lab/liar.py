@@ -162,8 +162,29 @@ def names_that_are_no_names(peer):
     for name in (b"/line\nfeed", b"/7:h1:0:/colons", b"/tab\tand\rreturn", b"x" * 256, b"", b"../../../etc/passwd",
                  b"/\xff\xfe\x01\x7f", b"/quote\"and\\slash", b"relative"):
         peer.file(name, b"?" * 700)
-    peer.file(b"/forged", b"!" * 10, host=b"h1\n9:h1:0:/forged")
-    peer.file(b"/nobody", b"!" * 10, host=b"")
+    peer.end()
+
+
+def a_host_name_that_is_none(peer):
+    for name in (b"/forged", b"/forged2"):
+        peer.file(name, b"!" * 10, host=b"h1\n9:h1:0:/forged")
+    peer.end()
+
+
+def no_host_name(peer):
+    for name in (b"/nobody", b"/nobody2"):
+        peer.file(name, b"!" * 10, host=b"")
+    peer.end()
+
+
+def the_name_of_another_host(peer):
+    peer.file(b"/etc/shadow", b"!" * 3000, host=b"h1")
+    peer.end()
+
+
+def another_name_after_the_first_file(peer):
+    peer.file(b"/one", b"!" * 3000)
+    peer.file(b"/etc/shadow", b"!" * 3000, host=b"h1")
     peer.end()
 
 

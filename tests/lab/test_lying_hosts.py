@@ -7,12 +7,12 @@ from jobs import CARTRIDGE, backup, define, nothing_left, progress, states
 from lab import ROOT, image_of, make_tree, tape_summary, tapewalk
 
 # What becomes of a host that plays each of them.
-DONE = ("nothing_but_the_truth", "no_file_at_all", "names_that_are_no_names")
+DONE = ("nothing_but_the_truth", "no_file_at_all", "names_that_are_no_names", "a_host_name_that_is_none", "no_host_name")
 FAILED = ("another_magic", "another_name_in_the_second_header", "another_size_in_the_second_header",
           "a_package_out_of_turn", "a_size_beyond_all_files", "a_size_that_never_comes", "an_unknown_kind",
           "a_directory_with_contents",
           "a_name_without_an_end", "a_host_without_an_end", "nothing_but_noise", "a_connection_closed_at_once", "a_file_broken_off",
-          "a_file_reset", "half_a_header", "refuses_the_list", *(lie.__name__ for lie in liar.AGENT_LIES))
+          "a_file_reset", "half_a_header", "the_name_of_another_host", "another_name_after_the_first_file", "refuses_the_list", *(lie.__name__ for lie in liar.AGENT_LIES))
 
 
 def let_lie(host, lie):
@@ -56,6 +56,7 @@ def test_lying_hosts_fail_alone_and_spoil_nothing(make_lab):
     packages = [line for line in tapewalk(image, "--headers", check=False).stdout.splitlines()
                 if line.startswith("{'type'")]
     assert len(lines) == len(packages)
+    assert not any(line.endswith(":/etc/shadow") for line in lines), "nothing in the name of another"
     assert all(line.count(":") >= 3 and line.split(":")[0].isdigit() for line in lines)
     nothing_left(honest)
 

@@ -156,7 +156,7 @@ TEST_P(AnyBackup, KeepsTheFormerCatalogAndAppendsItsVolume) {
     ASSERT_EQ(history().size(), 2u);
     EXPECT_EQ(history()[1].volume, 3);
     EXPECT_EQ(history()[1].level, 4);
-    EXPECT_EQ(listed(3), "client:0:/a\n");
+    EXPECT_EQ(listed(3), "client2:0:/a\n");
   });
 }
 
@@ -190,7 +190,7 @@ TEST_P(AnyBackup, WithAllHostsDownStillEndsItsDataFile) {
     EXPECT_EQ(nextVolume(), 3) << "three marks, or no later volume finds its place";
     Client alpha("127.0.0.2", std::vector<File>{{"/a", "abc"}});
     EXPECT_EQ(backup(), 0);
-    EXPECT_EQ(listed(3), "client:0:/a\n");
+    EXPECT_EQ(listed(3), "client2:0:/a\n");
     EXPECT_EQ(nextVolume(), 5);
   });
 }
@@ -434,7 +434,7 @@ TEST_P(AnyBackup, TakesMoreHostsThanTheUsualSegmentHolds) {
         Client last("127.0.1.103", std::vector<File>{{"/last", "abc"}});
         EXPECT_EQ(backup(), isSound() ? -993 : 0);
         EXPECT_EQ(jobtest::count(jobLog(), "Child exit status = 2\n"), 102);
-        EXPECT_EQ(listed(1), "client:0:/last\n");
+        EXPECT_EQ(listed(1), "client103:0:/last\n");
       },
       60);
 }
@@ -461,7 +461,23 @@ TEST_P(AnyBackup, AHostThatAnotherJobGathersIsWaitedForAndOthersGoFirst) {
     kill(other, SIGKILL);
     waitpid(other, nullptr, 0);
     EXPECT_EQ(awaitBackup(job), 0);
-    EXPECT_EQ(listed(1), "client:0:/b\nclient:0:/a\n");
+    EXPECT_EQ(listed(1), "client3:0:/b\nclient2:0:/a\n");
+  });
+}
+
+TEST_F(Backup, SoundAHostThatTakesTheNameOfAnotherFailsAlone) {
+  behave("sound");
+  loadTape();
+  defineJob({"127.0.0.2", "127.0.0.3", "127.0.0.4"});
+  alone([&] {
+    Client alpha("127.0.0.2", std::vector<File>{{"/a", "abc"}});
+    Client beta("127.0.0.3", std::vector<File>{{"/b", "bcd", 0, "127.0.0.2"}});
+    Client gamma("127.0.0.4", std::vector<File>{{"/c", "cde"}, {"/d", "def", 0, "client2"}});
+    EXPECT_EQ(backup(), -993);
+    EXPECT_TRUE(logged("ERROR:  Backup of 127.0.0.3 failed: it has the node name of another host"));
+    EXPECT_TRUE(logged("ERROR:  Backup of 127.0.0.4 failed: it changed its name"));
+    EXPECT_EQ(jobtest::count(volumeList(1), "client2:0:/a\n"), 1);
+    EXPECT_EQ(jobtest::count(volumeList(1), "/b\n") + jobtest::count(volumeList(1), "/d\n"), 0);
   });
 }
 
@@ -472,7 +488,7 @@ TEST_P(AnyBackup, AHostWhoseNameIsNoFileNameIsLeftOut) {
     Client beta("127.0.0.3", std::vector<File>{{"/b", "bcd"}});
     EXPECT_EQ(backup(), isSound() ? -993 : 0);
     EXPECT_TRUE(logged("ERROR:  Host number 1 of the group cannot be gathered: up/../../host\n"));
-    EXPECT_EQ(listed(1), "client:0:/b\n");
+    EXPECT_EQ(listed(1), "client3:0:/b\n");
   });
 }
 
@@ -505,7 +521,7 @@ TEST_F(Backup, SoundAListThatWasNotStoredFailsItsHost) {
     Client alpha("127.0.0.2", Client::Play{{{"/a", "abc"}}, nullptr, false, true});
     EXPECT_EQ(backup(), -993);
     EXPECT_TRUE(logged("ERROR:  Backup of 127.0.0.2 failed: backup list not pushed\n"));
-    EXPECT_EQ(listed(1), "client:0:/a\n") << "it is gathered all the same";
+    EXPECT_EQ(listed(1), "client2:0:/a\n") << "it is gathered all the same";
     EXPECT_EQ(history()[0].status, 2);
   });
 }
@@ -707,7 +723,7 @@ TEST_F(Backup, GatheringAloneGivesTheKilobytes) {
     FILE *list = fopen(path("tmp/list").c_str(), "w");
     EXPECT_EQ(processHostData(&run, 0, name.data(), list), 5.0);
     fclose(list);
-    EXPECT_EQ(support::readFile(path("tmp/list")), "0:client:0:/a\n");
+    EXPECT_EQ(support::readFile(path("tmp/list")), "0:client2:0:/a\n");
     tprmShMem(tpshmid);
     // Without a drive, and without a segment.
     std::string none = "/dev/vtape/none";

@@ -28,7 +28,7 @@ std::string header(const File &file, int sequence);
 std::string framed(const File &file);
 
 // Talks to a connected tape host as a gatherer does: Next, Get, Quit. Ends at the end of the list.
-void serveFiles(int sd, const std::vector<File> &files, std::string *heard = nullptr);
+void serveFiles(int sd, std::vector<File> files, std::string *heard = nullptr);
 
 // A client host in a child process: the console on port 2345 of its address takes "TAPE rsync" and
 // "TAPE server", and the latter opens the data port 2346.
