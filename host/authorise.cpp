@@ -25,8 +25,11 @@ struct Permission {
 // What agents ask of each other; nothing else is open to the holder of the site's secret.
 constexpr Permission kNodeMay[] = {
     {Family::tape, "server"}, {Family::tape, "resclnt"},   {Family::tape, "repclnt"},
-    {Family::tape, "rsync"},  {Family::mrepl, "mrepclnt"},
+    {Family::tape, "rsync"},  {Family::mrepl, "mrepclnt"}, {Family::mrepl, "probe"},
 };
+
+// The sender of a multicast run collects what became of it on its receivers.
+constexpr std::string_view kReceived = "var/tape/mrepljobs/received.json";
 
 constexpr Permission kViewerMay[] = {
     {Family::tape, "get"}, {Family::tape, "version"}, {Family::host, "status"},
@@ -43,6 +46,12 @@ bool listed(const Permission (&table)[N], Family family, std::string_view word) 
   for (const Permission &permission : table)
     if (permission.family == family && permission.word == word) return true;
   return false;
+}
+
+// rest: what stands behind the word.
+bool asksForRecord(Family family, std::string_view word, std::string_view rest) {
+  return family == Family::host && word == "get" && firstWord(rest) == kReceived &&
+         firstWord(rest).empty();
 }
 
 // A fan-out asks in the name of its host. Agents answer only its requests for agents' work, unless
@@ -107,7 +116,8 @@ bool mayRun(const Peer &peer, const RequestLine &request) {
   std::string_view rest = request.rest;
   std::string_view word = firstWord(rest);
   if (peer.kind == login::Kind::node)
-    return listed(kNodeMay, family, word) || (nodesMayLook() && listed(kViewerMay, family, word));
+    return listed(kNodeMay, family, word) || asksForRecord(family, word, rest) ||
+           (nodesMayLook() && listed(kViewerMay, family, word));
   if (peer.role == login::Role::operatorRole) return true;
   return peer.role == login::Role::viewer && listed(kViewerMay, family, word);
 }

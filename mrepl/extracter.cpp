@@ -7,6 +7,8 @@
 #include <zul/host.h>
 #include <zul/mrepl.h>
 
+#include <algorithm>
+
 #include "base/log.h"
 #include "mrepl/received.h"
 #include "mrepl/restoring.h"
@@ -68,7 +70,7 @@ void report(mfilehead *header, int code) {
 void settle(mfilehead *header, int code) {
   if (code != 0) report(header, code);
   // Without its owner or permissions a file is there all the same.
-  if (code > -3) received.done(mrepl::sizeOf(*header));
+  if (code > -3) received.done(*header, mrepl::sizeOf(*header));
 }
 
 // --- content ---
@@ -104,6 +106,8 @@ void takeBlock(mslot *slot) {
         current.failed = true;
         current.position = before + static_cast<uint64_t>(length);
       }
+    } else {
+      received.content(slot->seg.payload, static_cast<size_t>(length));
     }
   }
   if (current.position >= size) endFile();
@@ -134,6 +138,7 @@ int takeSmallFile(mslot *slot, mfilehead *header) {
     mrepl::dropFile();
     return kWriteFailed;
   }
+  received.content(content, static_cast<size_t>(size));
   return mrepl::finishFile(header, false);
 }
 
@@ -148,17 +153,22 @@ int takeFile(mslot *slot, mfilehead *header, int *dataPending) {
   return result;
 }
 
+int takeLink(mslot *slot, mfilehead *header) {
+  int result = restoreSlink(header);
+  const char *target = slot->seg.payload + MR_INLINE_OFF;
+  received.content(target, strnlen(target, std::min<size_t>(header->size, MR_INLINE_MAX)));
+  dump(reinterpret_cast<unsigned char *>(header));
+  return result;
+}
+
 int takeByType(mslot *slot, mfilehead *header, int *dataPending) {
   switch (header->type) {
     case mrepl::kFile:
       return takeFile(slot, header, dataPending);
     case mrepl::kDirectory:
       return restoreDir(header);
-    case mrepl::kLink: {
-      int result = restoreSlink(header);
-      dump(reinterpret_cast<unsigned char *>(header));
-      return result;
-    }
+    case mrepl::kLink:
+      return takeLink(slot, header);
     case mrepl::kBlockDevice:
       return restoreBDev(header);
     case mrepl::kCharDevice:
@@ -233,6 +243,7 @@ int createNewFile(mslot *slot, mfilehead *headerCopy, int *dataPending) {
   }
   if (header->type == mrepl::kEnd) return kEndOfRun;
   *headerCopy = *header;
+  received.newEntry();
   int result = takeByType(slot, header, dataPending);
   if (timesAreOurs(*header)) mrepl::setTimes(*header);
   return result;

@@ -8,8 +8,11 @@
 #include <zul/host.h>
 #include <zul/mrepl.h>
 
+#include <algorithm>
+
 #include "base/log.h"
 #include "base/pause.h"
+#include "mrepl/packed.h"
 #include "mrepl/packing.h"
 #include "mrepl/run.h"
 #include "mrepl/view.h"
@@ -24,8 +27,9 @@ struct Packing {
   char *path;   // null at the end of the list
   bool inData;  // its header is stored, its content is not yet
   uint64_t size;
-  uint64_t stored;  // bytes of content
-  int count;        // segments in the batch
+  uint64_t stored;   // bytes of content
+  mfilehead header;  // as it travels
+  int count;         // segments in the batch
   mseg batch[mrepl::kBatch];
 };
 
@@ -52,12 +56,16 @@ bool beginFile(Packing *packing) {
   memset(segment, 0, sizeof *segment);
   int type;
   packing->stored = 0;
+  mrepl::packed.newEntry();
   if (storeFileHeader(packing->path, segment, &type, &packing->size) != 0 ||
-      !applyPolicy(headOf(segment)))
+      !applyPolicy(headOf(segment))) {
+    mrepl::packed.unsent(packing->path, "its name or its size does not fit a header");
     return false;
+  }
   if (storeNewFileData(packing->path, segment, type, &packing->stored, packing->size) != 0) {
     if (type != mrepl::kFile) return false;
     // A header of a file promises content; this one has none that we may read.
+    mrepl::packed.unsent(packing->path, strerror(errno));
     base::print(fplog, "NOTICE:  Cannot read %s: %s\n", packing->path, strerror(errno));
     type = headOf(segment)->type = mrepl::kOther;
     packul(&headOf(segment)->size, 0);
@@ -65,7 +73,32 @@ bool beginFile(Packing *packing) {
   packul(&segment->control, mrepl::runWord != 0 ? mrepl::kHead : 0);
   packing->count++;
   packing->inData = type == mrepl::kFile && packing->size > MR_INLINE_MAX;
+  packing->header = *headOf(segment);
+  if (packing->inData) return true;
+  const char *room = segment->payload + MR_INLINE_OFF;
+  uint64_t length = type == mrepl::kLink ? strnlen(room, MR_INLINE_MAX) : packing->stored;
+  mrepl::packed.content(room, static_cast<size_t>(length));
+  mrepl::packed.done(packing->header, type == mrepl::kOther ? 0 : packing->size);
   return true;
+}
+
+// Puts more content of the current file into the batch. False when there is less than its header
+// promised.
+bool addData(Packing *packing, int *available) {
+  int first = packing->count;
+  uint64_t before = packing->stored;
+  bool good = storeFileData(packing->batch, packing->size, &packing->stored, &packing->count,
+                            available) == 0;
+  uint64_t fresh = packing->stored - before;
+  for (int at = first; at < packing->count; at++, fresh -= std::min<uint64_t>(fresh, MR_PAYLOAD))
+    mrepl::packed.content(packing->batch[at].payload, std::min<uint64_t>(fresh, MR_PAYLOAD));
+  packing->inData = good && packing->stored < packing->size;
+  if (good && !packing->inData) mrepl::packed.done(packing->header, packing->size);
+  if (good) return true;
+  // What follows begins with a header, by which the receivers notice that the rest is missing.
+  mrepl::packed.unsent(packing->path, "it became shorter while it was sent");
+  base::print(fplog, "NOTICE:  %s became shorter while it was sent\n", packing->path);
+  return false;
 }
 
 void fillBatch(Packing *packing, int available) {
@@ -73,12 +106,7 @@ void fillBatch(Packing *packing, int available) {
   while (packing->path && packing->count < mrepl::kBatch && available > 0) {
     bool good = true;
     if (packing->inData) {
-      good = storeFileData(packing->batch, packing->size, &packing->stored, &packing->count,
-                           &available) == 0;
-      packing->inData = good && packing->stored < packing->size;
-      // What follows begins with a header, by which the receivers notice that the rest is missing.
-      if (!good)
-        base::print(fplog, "NOTICE:  %s became shorter while it was sent\n", packing->path);
+      good = addData(packing, &available);
     } else if ((good = beginFile(packing))) {
       available--;
     } else {
@@ -224,6 +252,7 @@ int plainDataPacker(msendctrl *ctrl, mslot *ring) {
   while (mrepl::freeSlots(ctrl) < 2 && senderRuns(ctrl, parent)) waitForRoom(ctrl, 10000);
   if (mrepl::freeSlots(ctrl) >= 2) mrepl::placeEndRecords(ctrl, ring);
   memMapClose();
+  if (!packing.path) mrepl::packed.finish();
   base::storeWord(ctrl->packerState, mrepl::kEnded);
   return 0;
 }

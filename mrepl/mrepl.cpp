@@ -22,6 +22,9 @@
 #include "base/text.h"
 #include "fanout/request.h"
 #include "mrepl/jobfile.h"
+#include "mrepl/probe.h"
+#include "mrepl/sending.h"
+#include "mrepl/sent.h"
 #include "mrepl/upload.h"
 
 namespace {
@@ -131,10 +134,16 @@ struct Command {
 };
 
 constexpr Command kCommands[] = {
-    {"get", "jobids", 2, getJobids},     {"get", "jobid", 3, getJob},
-    {"set", "jobid", 3, setJob},         {"del", "jobid", 3, deleteJob},
-    {"replicate", nullptr, 2, startRun}, {"mrepclnt", nullptr, 1, startReceiver},
+    {"get", "jobids", 2, getJobids},
+    {"get", "jobid", 3, getJob},
+    {"set", "jobid", 3, setJob},
+    {"del", "jobid", 3, deleteJob},
+    {"replicate", nullptr, 2, startRun},
+    {"mrepclnt", nullptr, 1, startReceiver},
     {"fanout", nullptr, 1, runFanout},
+    {"measure", nullptr, 2, mrepl::measureJob},
+    {"probe", "listen", 3, mrepl::probeListen},
+    {"probe", "send", 3, mrepl::probeSend},
 };
 
 }  // namespace
@@ -249,7 +258,9 @@ int mreplstart(int jobid) {
     minimonk(&job.hostList, commands, -1);
   }
   base::print(stderr, "Starting Multicast replication server\n");
-  repServStart(&job);
+  mrepl::sent.begin(jobid);
+  int result = repServStart(&job);
+  mrepl::sent.finish(mrepl::sending.receivers, result == 0);
   cncfree(&job);
   return 0;
 }

@@ -1,4 +1,5 @@
-// Keeps the receiver's record of a run. Runs in the extracter, which knows what became of each file.
+// Keeps the receiver's record of a run. Runs in the extracter, which knows what became of each
+// file.
 #include "mrepl/received.h"
 
 #include <inttypes.h>
@@ -30,18 +31,25 @@ void copyStream(FILE *from, FILE *to) {
 
 void Received::begin() {
   if (list_) fclose(list_);
+  digest_.end();
   *this = Received{};
   started_ = time(nullptr);
-  if (soundRun()) write("running");
+  if (!soundRun()) return;
+  digest_.begin();
+  write("running");
 }
 
 void Received::noteRun(uint32_t control) {
+  if (run_ == control >> 16) return;
   run_ = control >> 16;
+  // Killed before its end, a receiver has at least said which run it was in.
+  if (soundRun()) write("running");
 }
 
-void Received::done(uint64_t bytes) {
+void Received::done(const mfilehead &header, uint64_t bytes) {
   files_++;
   bytes_ += bytes;
+  digest_.entry(header, bytes);
 }
 
 void Received::failed(const mfilehead &header, int code, const char *reason) {
@@ -49,7 +57,8 @@ void Received::failed(const mfilehead &header, int code, const char *reason) {
   if (++failures_ > kMostNamed || !list_) return;
   char name[sizeof header.name + 1] = "";
   memcpy(name, header.name, sizeof header.name);
-  fputs(failures_ > 1 ? ",{\"name\":" : "{\"name\":", list_);
+  // One a line: whoever relays the record line by line does not cut it within a name.
+  fputs(failures_ > 1 ? ",\n{\"name\":" : "\n{\"name\":", list_);
   base::writeJsonText(list_, name);
   fprintf(list_, ",\"code\":%i,\"error\":", code);
   base::writeJsonText(list_, reason);
@@ -58,9 +67,11 @@ void Received::failed(const mfilehead &header, int code, const char *reason) {
 
 void Received::finish(bool complete) {
   ended_ = time(nullptr);
+  reachedEnd_ = complete;
   if (soundRun()) write(complete && failures_ == 0 ? "complete" : "incomplete");
   if (list_) fclose(list_);
   list_ = nullptr;
+  digest_.end();
 }
 
 void Received::write(const char *state) {
@@ -70,12 +81,14 @@ void Received::write(const char *state) {
   if (!file) return;
   FILE *out = file.get();
   fchmod(fileno(out), 0600);
+  char digest[TreeDigest::kTextBytes];
+  digest_.text(digest);
   fprintf(out,
           "{\"kind\":\"multicast\",\"state\":\"%s\",\"run\":%u,\"started\":%" PRId64
-          ",\"ended\":%" PRId64 ",\"files\":%" PRIu64 ",\"bytes\":%" PRIu64 ",\"failed\":%" PRIu64
-          ",\"failures\":[",
+          ",\"ended\":%" PRId64 ",\"files\":%" PRIu64 ",\"bytes\":%" PRIu64
+          ",\"digest\":\"%s\",\"reachedEnd\":%s,\"failed\":%" PRIu64 ",\"failures\":[",
           state, run_, static_cast<int64_t>(started_), static_cast<int64_t>(ended_), files_, bytes_,
-          failures_);
+          digest, reachedEnd_ ? "true" : "false", failures_);
   if (list_) copyStream(list_, out);
   fputs("]}\n", out);
   if (!file.close() || rename(temporary, path) != 0) unlink(temporary);

@@ -6,6 +6,8 @@
 #include <time.h>
 #include <zul/mrepl.h>
 
+#include "mrepl/treedigest.h"
+
 namespace mrepl {
 
 class Received {
@@ -15,8 +17,11 @@ class Received {
   void begin();
   // The run that a segment belongs to.
   void noteRun(uint32_t control);
+  // A header begins an entry; content of it that was written.
+  void newEntry() { digest_.newEntry(); }
+  void content(const void *data, size_t length) { digest_.content(data, length); }
   // One file, directory, link or device is there, or is not; code as in logError.
-  void done(uint64_t bytes);
+  void done(const mfilehead &header, uint64_t bytes);
   void failed(const mfilehead &header, int code, const char *reason);
   // complete: the end of the run was reached.
   void finish(bool complete);
@@ -30,6 +35,8 @@ class Received {
   uint64_t files_;
   uint64_t bytes_;
   uint64_t failures_;
+  bool reachedEnd_;
+  TreeDigest digest_;
   FILE *list_;  // the failures as JSON objects, in a file: there may be many
 };
 

@@ -20,6 +20,7 @@
 #include "base/process.h"
 #include "base/site.h"
 #include "base/text.h"
+#include "base/version.h"
 #include "replication/preview.h"
 #include "replication/replicate.h"
 #include "tape/verify.h"
@@ -27,8 +28,6 @@
 int dlvl = 0;
 
 namespace {
-
-constexpr const char *kModuleVersion = "0.34";
 
 // Splits rest into at most N words. Slots without a word hold an empty text, so that a handler of a
 // request without arguments reads "" and not whatever the stack held.
@@ -132,7 +131,7 @@ int runRestore(char *rest) {
 }
 
 int printVersion(char *) {
-  base::print(stderr, "%s\n", kModuleVersion);
+  base::print(stderr, "%s\n", base::kModuleVersion);
   return 0;
 }
 

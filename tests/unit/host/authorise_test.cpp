@@ -22,12 +22,32 @@ bool may(const Peer &peer, std::string_view line) {
 
 TEST(Authorise, NodesMayAskForTheWorkOfAgentsOnly) {
   for (const char *line : {"TAPE server 7 0", "TAPE resclnt / 4", "TAPE repclnt /x 4 0",
-                           "TAPE rsync 7", "MREPL mrepclnt 1234567890", "TAPE  \t server 7 0"})
+                           "TAPE rsync 7", "MREPL mrepclnt 1234567890", "TAPE  \t server 7 0",
+                           "MREPL probe listen ab 3 /", "HOST get var/tape/mrepljobs/received.json",
+                           "HOST  get  var/tape/mrepljobs/received.json "})
     EXPECT_TRUE(may(node(), line)) << line;
-  for (const char *line :
-       {"TAPE backup 7 0", "TAPE get drives", "TAPE", "TAPE servers 7 0", "TAPE Server 7 0",
-        "TAPE serverx", "MREPL replicate 3", "MREPL set jobid 3", "HOST status", "HOST kill 1",
-        "HOST", "MREPL server 7 0", "TAPE mrepclnt 1", "tape server 7 0", ""})
+  for (const char *line : {"TAPE backup 7 0",
+                           "TAPE get drives",
+                           "TAPE",
+                           "TAPE servers 7 0",
+                           "TAPE Server 7 0",
+                           "TAPE serverx",
+                           "MREPL replicate 3",
+                           "MREPL set jobid 3",
+                           "HOST status",
+                           "HOST kill 1",
+                           "HOST",
+                           "MREPL server 7 0",
+                           "TAPE mrepclnt 1",
+                           "tape server 7 0",
+                           "",
+                           "HOST get var/tape/mrepljobs/sent.json",
+                           "HOST get",
+                           "HOST tail var/tape/mrepljobs/received.json",
+                           "HOST get var/tape/mrepljobs/received.json etc/ZULsite",
+                           "MREPL fanout",
+                           "MREPL measure 3",
+                           "HOST get var/tape/mrepljobs/received.json.new"})
     EXPECT_FALSE(may(node(), line)) << line;
 }
 
