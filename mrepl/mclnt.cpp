@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/udp.h>
 #include <poll.h>
 #include <stdio.h>
 #include <string.h>
@@ -28,10 +29,12 @@ namespace {
 constexpr int kAllCategories = 1911;
 constexpr int kFirstWait = 48;
 constexpr int kBatch = 32;
+constexpr size_t kLongestDatagram = 65536;  // sound: of many segments in one piece
 constexpr int kIdleMs = 300000;
 constexpr int kSlowAfterMs = 1000;
 constexpr int kLingerMs = 2000;  // sound: the longest farewell
 constexpr int kSilenceMs = 100;  // sound: the sender has stopped
+constexpr int kGatherMs = 1;     // sound: datagrams are left to gather for so long
 constexpr int kReceiveBytes = 16 << 20;
 // The wait time comes from the network.
 constexpr int64_t kLongestWait = 255000000;
@@ -110,21 +113,51 @@ int takeOne(mseg *datagram, size_t length, const sockaddr_in &from) {
   return 0;
 }
 
+// The length of the datagrams in what was received in one piece; 0 when it is one datagram.
+size_t pieceLength(msghdr *message) {
+  for (cmsghdr *each = CMSG_FIRSTHDR(message); each; each = CMSG_NXTHDR(message, each)) {
+    if (each->cmsg_level != SOL_UDP || each->cmsg_type != UDP_GRO) continue;
+    int length;
+    memcpy(&length, CMSG_DATA(each), sizeof length);
+    return length > 0 ? static_cast<size_t>(length) : 0;
+  }
+  return 0;
+}
+
+// One datagram, or several of the same length in one piece.
+int takeMessage(char *bytes, mmsghdr *message, const sockaddr_in &from) {
+  size_t length = message->msg_len;
+  size_t piece = pieceLength(&message->msg_hdr);
+  if (piece == 0) return takeOne(reinterpret_cast<mseg *>(bytes), length, from);
+  // Others are none of ours, nor would they lie where a segment can be read.
+  if (piece != sizeof(mseg)) return 0;
+  int result = 0;
+  for (size_t at = 0; at < length && result == 0; at += piece)
+    result = takeOne(reinterpret_cast<mseg *>(bytes + at),
+                     length - at < piece ? length - at : piece, from);
+  return result;
+}
+
+// Datagrams that have arrived, at most kBatch calls' worth. How many of these, or the negative
+// result that ends the getter.
 int takeBatch() {
-  // One byte more than a segment has, to tell a longer datagram from it.
   static struct {
-    mseg segment;
-    char more;
-  } datagrams[kBatch];
+    alignas(mseg) char bytes[kLongestDatagram];
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
+  } received[kBatch];
   static sockaddr_in from[kBatch];
   mmsghdr messages[kBatch]{};
   iovec parts[kBatch];
+  // One byte more than a segment has, to tell a longer datagram from it.
+  size_t room = mrepl::soundRun() ? sizeof received[0].bytes : sizeof(mseg) + 1;
   for (int at = 0; at < kBatch; at++) {
-    parts[at] = {&datagrams[at], sizeof(mseg) + 1};
+    parts[at] = {received[at].bytes, room};
     messages[at].msg_hdr.msg_iov = &parts[at];
     messages[at].msg_hdr.msg_iovlen = 1;
     messages[at].msg_hdr.msg_name = &from[at];
     messages[at].msg_hdr.msg_namelen = sizeof from[at];
+    messages[at].msg_hdr.msg_control = received[at].control;
+    messages[at].msg_hdr.msg_controllen = sizeof received[at].control;
   }
   int count = recvmmsg(getting.sd, messages, kBatch, MSG_DONTWAIT, nullptr);
   if (count < 0) {
@@ -135,10 +168,10 @@ int takeBatch() {
   uint32_t before = base::loadWord(getting.ctrl->contiguousLow);
   int result = 0;
   for (int at = 0; at < count && result == 0; at++)
-    result = takeOne(&datagrams[at].segment, messages[at].msg_len, from[at]);
+    result = takeMessage(received[at].bytes, &messages[at], from[at]);
   if (base::loadWord(getting.ctrl->contiguousLow) != before)
     base::wakeWord(&getting.ctrl->contiguousLow);
-  return result;
+  return result < 0 ? result : count;
 }
 
 // --- between batches ---
@@ -224,7 +257,13 @@ int getOnce() {
   int count = ppoll(&ready, 1, &limit, nullptr);
   if (count < 0 && errno != EINTR && mrepl::debugging())
     base::print(fplog, "DEBUG:  Select error: errno=%i\n", errno);
-  if (count > 0) return takeBatch();
+  if (count > 0) {
+    int taken = takeBatch();
+    // Woken for each datagram, receivers spend more on waking than on what they take. The socket
+    // has room for what comes meanwhile.
+    if (taken >= 0 && taken < kBatch && mrepl::soundRun()) base::sleepMs(kGatherMs);
+    return taken;
+  }
   if (count == 0 && !mrepl::soundRun()) askOnceMore();
   return 0;
 }
@@ -263,6 +302,10 @@ void enlarge(int sd) {
   if (!mrepl::soundRun()) return;
   if (setsockopt(sd, SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBytes, sizeof kReceiveBytes) != 0)
     setsockopt(sd, SOL_SOCKET, SO_RCVBUF, &kReceiveBytes, sizeof kReceiveBytes);
+  // What the sender hands over in one piece may arrive so; a kernel that knows nothing of that
+  // cuts it.
+  constexpr int kOn = 1;
+  setsockopt(sd, SOL_UDP, UDP_GRO, &kOn, sizeof kOn);
 }
 
 pid_t startExtracter(mrecvctrl *ctrl) {

@@ -30,12 +30,10 @@ constexpr int kDrainPasses = 1024;
 constexpr int kDrainMs = 60000;         // sound: the longest drain
 constexpr int kQuietMs = 2000;          // sound: nobody has asked for so long
 constexpr int kHeartbeatMicros = 5000;  // sound: how often the last segment is repeated
-constexpr int64_t kBurstMicros = 1000;  // sound: pauses shorter than this are saved up
 
 // What the loop keeps from one pass to the next.
 struct Pass {
   mrepl::Moment previous;  // of the last transmission
-  int64_t dueMicros;       // sound: when the next transmission is due
   int drainPasses;
   long long drainSinceMs;  // 0: not draining
   long long lookedMs;      // at the packer and the receivers
@@ -139,26 +137,45 @@ bool runIsOver(Pass *pass) {
 
 // --- one pass ---
 
-mrepl::Moment waitForTurn(Pass *pass, mrepl::Moment now) {
+mrepl::Moment waitForTurn(const Pass &pass, mrepl::Moment now) {
   int64_t wait = sending.ctrl->waitTime;
-  if (mrepl::soundRun()) {
-    // A pause of less than the kernel's granularity takes twice as long as meant, so short ones
-    // are saved up and the rate is kept.
-    int64_t ahead = pass->dueMicros - microsOf(now);
-    if (ahead > kBurstMicros) {
-      mrepl::sleepMicros(ahead);
-      now = mrepl::momentNow();
-    }
-    int64_t earliest = microsOf(now) - kBurstMicros;
-    pass->dueMicros = (pass->dueMicros > earliest ? pass->dueMicros : earliest) + wait;
-    return now;
-  }
-  int64_t elapsed = now.micros - pass->previous.micros;
-  if (now.seconds != pass->previous.seconds) elapsed += 1000000;
+  int64_t elapsed = now.micros - pass.previous.micros;
+  if (now.seconds != pass.previous.seconds) elapsed += 1000000;
   if (wait <= elapsed) return now;
   mrepl::sleepMicros(wait - elapsed);
   return mrepl::momentNow();
 }
+
+void look(Pass *pass) {
+  long long now = base::nowMs();
+  if (now == pass->lookedMs) return;
+  pass->lookedMs = now;
+  sending.receivers.giveUp(now);
+  if (packerGone() && base::loadWord(sending.ctrl->packerState) == mrepl::kRunning)
+    standInForPacker();
+}
+
+void sendOne(Pass *pass) {
+  msendctrl *ctrl = sending.ctrl;
+  mrepl::Moment now = mrepl::momentNow();
+  mrepl::Number lastSent = mrepl::lastSentOf(*ctrl);
+  // The slot of the last segment is not searched: it may not be filled yet.
+  mrepl::Number last = lastSent - (lastSent > 0 ? 1 : 0);
+  mrepl::Number wanted = sending.wanted.next(sending.ring, mrepl::freeTillOf(*ctrl) + 1, last);
+  bool found = wanted <= last && lastSent > 0;
+  bool ending = draining();
+  if (!ending) mrepl::expire(sending.ring, ctrl, found ? wanted : lastSent, now.wire());
+  now = waitForTurn(*pass, now);
+  if (found) base::print(fplog, "DEBUG:  Resending seg=%i\n", mrepl::lowOf(wanted));
+  uint32_t choice = mrepl::lowOf(found ? wanted : ending ? lastSent - 1 : lastSent);
+  timeval moment{now.seconds, now.micros};
+  int result = sendData(sending.ring, ctrl, sending.to, sending.sd, choice, &moment);
+  // The flag of a segment that was sent is gone; one that failed is tried again.
+  if (result == 0 && found) sending.wanted.done(wanted);
+  pass->previous = now;
+}
+
+// --- one pass of a sound run: as many segments as may go now, in one call ---
 
 // Nothing to send, or the receivers are not ready for more: they are reminded of the last segment,
 // by which they notice what they lack, and listened to.
@@ -175,44 +192,68 @@ void rest(Pass *pass, const mrepl::Moment &now) {
   poll(&ready, 1, 1);
 }
 
-void look(Pass *pass) {
-  long long now = base::nowMs();
-  if (now == pass->lookedMs) return;
-  pass->lookedMs = now;
-  sending.receivers.giveUp(now);
-  if (packerGone() && base::loadWord(sending.ctrl->packerState) == mrepl::kRunning)
-    standInForPacker();
+// What was asked for, oldest first, then new segments. Returns how many of them are new.
+int gather(int most, const mrepl::Moment &now) {
+  msendctrl *ctrl = sending.ctrl;
+  mrepl::Number lastSent = mrepl::lastSentOf(*ctrl);
+  mrepl::Burst &burst = sending.burst;
+  burst.clear();
+  mrepl::Number wanted = mrepl::freeTillOf(*ctrl);
+  while (burst.count() < most) {
+    wanted = sending.wanted.next(sending.ring, wanted + 1, lastSent);
+    if (wanted > lastSent) break;
+    if (mrepl::debugging()) base::print(fplog, "DEBUG:  Resending seg=%i\n", mrepl::lowOf(wanted));
+    burst.add(&mrepl::sendSlot(sending.ring, wanted));
+    mrepl::prepareAgain(burst.at(burst.count() - 1), *ctrl, now);
+  }
+  int again = burst.count();
+  mrepl::Number ready = mrepl::readyTill(*ctrl);
+  for (mrepl::Number next = lastSent + 1; burst.count() < most && next < ready; next++) {
+    burst.add(&mrepl::sendSlot(sending.ring, next));
+    mrepl::prepareNew(burst.at(burst.count() - 1), *ctrl, next, now);
+  }
+  return burst.count() - again;
 }
 
-void sendOne(Pass *pass) {
+// What did not go out keeps its flag, or stays the next new one.
+void account(int went, int fresh) {
+  msendctrl *ctrl = sending.ctrl;
+  int again = sending.burst.count() - fresh;
+  for (int at = 0; at < went && at < again; at++) {
+    mslot &slot = sending.burst.at(at);
+    slot.flag = slot.state = 0;
+    sending.wanted.done(mrepl::joined(slot.high, slot.low));
+  }
+  if (went > again)
+    mrepl::storeNumber(ctrl->lastSentHigh, ctrl->lastSentLow,
+                       mrepl::lastSentOf(*ctrl) + static_cast<mrepl::Number>(went - again));
+}
+
+void sendBurst(Pass *pass) {
   msendctrl *ctrl = sending.ctrl;
   mrepl::Moment now = mrepl::momentNow();
-  bool sound = mrepl::soundRun();
-  mrepl::Number lastSent = mrepl::lastSentOf(*ctrl);
-  mrepl::Number first = mrepl::freeTillOf(*ctrl) + 1;
-  // The slot of the last segment is searched in a sound run only: elsewhere it is not filled yet.
-  mrepl::Number last = sound ? lastSent : lastSent - (lastSent > 0 ? 1 : 0);
-  mrepl::Number wanted = sending.wanted.next(sending.ring, first, last);
-  bool found = wanted <= last && lastSent > 0;
-  bool ending = draining();
-  if (!ending) mrepl::expire(sending.ring, ctrl, found ? wanted : lastSent, now.wire());
-  if (sound && !found && mrepl::nothingReady(*ctrl)) return rest(pass, now);
-  now = waitForTurn(pass, now);
-  if (found && mrepl::debugging())
-    base::print(fplog, "DEBUG:  Resending seg=%i\n", mrepl::lowOf(wanted));
-  uint32_t choice = mrepl::lowOf(found ? wanted : ending ? lastSent - 1 : lastSent);
-  int result;
-  if (sound && found) {
-    result =
-        mrepl::sendAgain(mrepl::sendSlot(sending.ring, wanted), ctrl, sending.to, sending.sd, now);
-  } else {
-    timeval moment{now.seconds, now.micros};
-    result = sendData(sending.ring, ctrl, sending.to, sending.sd, choice, &moment);
+  mrepl::Pace &pace = sending.pace;
+  bool reporting = sending.receivers.waiting() && sending.strangerMs == 0;
+  pace.adapt(&sending.receivers, microsOf(now));
+  pace.guess(reporting, ctrl->waitTime);
+  int64_t ahead = pace.ahead(microsOf(now));
+  if (ahead > 0) {
+    mrepl::sleepMicros(ahead);
+    return;
   }
-  // The flag of a segment that was sent is gone; one that failed is tried again.
-  if (result == 0 && found) sending.wanted.done(wanted);
-  // A network that takes nothing is asked again soon, not at once.
-  if (result != 0 && sound) base::sleepMs(1);
+  int fresh = gather(pace.allowance(microsOf(now), mrepl::Burst::kMost), now);
+  if (sending.burst.count() == 0) return rest(pass, now);
+  int went = sending.burst.send(sending.sd, *sending.to);
+  if (went == 0) {
+    base::print(fplog, "NOTICE: Failed to send segment. errno = %i\n", errno);
+    // A network that takes nothing is asked again soon, not at once.
+    base::sleepMs(1);
+  }
+  account(went, fresh);
+  pace.sent(microsOf(now), went);
+  mrepl::Number last = mrepl::lastSentOf(*ctrl);
+  mrepl::Number asked = sending.wanted.next(sending.ring, mrepl::freeTillOf(*ctrl) + 1, last);
+  if (!draining()) mrepl::expire(sending.ring, ctrl, asked < last ? asked : last, now.wire());
   pass->previous = now;
 }
 
@@ -285,6 +326,7 @@ int dataSender(struct sockaddr_in *to, int dataSd, struct sockaddr_in *, int req
   sending.sd = dataSd;
   sending.requestSd = reqSd;
   sending.wanted.clear();
+  sending.pace.begin(getMinWait(0) > 0 ? getMinWait(0) : 0);
   initialise(ctrl);
   if (!packerStarted()) {
     base::storeWord(ctrl->senderState, mrepl::kEnded);
@@ -294,7 +336,8 @@ int dataSender(struct sockaddr_in *to, int dataSd, struct sockaddr_in *, int req
   for (Pass pass{}; !runIsOver(&pass);) {
     mrepl::takeRequests();
     look(&pass);
-    sendOne(&pass);
+    // Installed senders send one segment at a time, whatever the receivers say.
+    mrepl::soundRun() ? sendBurst(&pass) : sendOne(&pass);
   }
   base::storeWord(ctrl->senderState, mrepl::kEnded);
   return 0;

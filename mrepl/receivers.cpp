@@ -105,6 +105,16 @@ void Receivers::ended(Number end) {
   recount();
 }
 
+double Receivers::mostMissed(double kept) {
+  double most = 0;
+  for (int at = 0; at < count_; at++) {
+    Receiver &each = list_[at];
+    if (each.state == ReceiverState::served && each.missed > most) most = each.missed;
+    each.missed *= kept;
+  }
+  return most;
+}
+
 void Receivers::giveUp(long long nowMs) {
   int patience = base::siteLength("multicast.patience", kPatienceMs);
   for (int at = 0; at < count_; at++) {

@@ -24,6 +24,7 @@ struct Receiver {
   Number extracted;  // it needs nothing before this segment
   long long heardMs;
   long long movedMs;
+  double missed;  // segments that it asked for lately
 };
 
 class Receivers {
@@ -41,6 +42,9 @@ class Receivers {
   void reported(Receiver *receiver, Number extracted, Number freeTill, long long nowMs);
   // A receiver that has the segments up to the end of the run needs nothing more.
   void ended(Number end);
+  // The segments that the worst of those who are served has asked for lately; of the older ones so
+  // much is kept.
+  double mostMissed(double kept);
   // Gives up who has been silent or has stood still for too long.
   void giveUp(long long nowMs);
 

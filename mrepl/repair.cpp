@@ -10,9 +10,11 @@ namespace mrepl {
 
 namespace {
 
-constexpr long long kAskAgainMs = 25;  // an answer takes a few milliseconds, queues included
-constexpr long long kReportMs = 50;    // at least this often, to be known alive
-constexpr long long kMovedMs = 10;     // at most this often while files are put together
+// An answer takes a few milliseconds; the sender knows what is on its way and does not send it
+// twice.
+constexpr long long kAskAgainMs = 15;
+constexpr long long kReportMs = 50;  // at least this often, to be known alive
+constexpr long long kMovedMs = 10;   // at most this often while files are put together
 constexpr long long kSlowRoundMs = 1000;
 
 }  // namespace

@@ -66,7 +66,7 @@ void answer(const Asked &asked) {
 
 // Flags only what is there to be sent again: the slot of a segment that was freed holds a later
 // one, and one that was not yet sent will come by itself.
-void answerSound(const Asked &asked, const sockaddr_in &from) {
+void answerSound(const Asked &asked, const sockaddr_in &from, Receiver *receiver) {
   msendctrl *ctrl = sending.ctrl;
   Number freeTill = freeTillOf(*ctrl);
   Number lastSent = lastSentOf(*ctrl);
@@ -81,9 +81,12 @@ void answerSound(const Asked &asked, const sockaddr_in &from) {
   adaptPace(ctrl, sinceWire(asked.echo, now));
   logRequest(asked);
   uint32_t count = asked.count < MR_SEND_SLOTS ? asked.count : MR_SEND_SLOTS;
-  for (Number number = asked.first; number < asked.first + count && number <= lastSent; number++)
-    if (!underway(sendSlot(sending.ring, number), asked, now))
-      sending.wanted.set(sending.ring, number);
+  for (Number number = asked.first; number < asked.first + count && number <= lastSent; number++) {
+    const mslot &slot = sendSlot(sending.ring, number);
+    if (slot.flag != 0 || underway(slot, asked, now)) continue;
+    sending.wanted.set(sending.ring, number);
+    if (receiver) receiver->missed += 1;
+  }
 }
 
 void takeSound(Asked asked, const sockaddr_in &from) {
@@ -95,11 +98,11 @@ void takeSound(Asked asked, const sockaddr_in &from) {
     // The count of an installed receiver has nothing there; what is left asks for another run.
     if (asked.run != 0 && asked.count != UINT32_MAX) return;
     sending.strangerMs = nowMs;
-    return answerSound(asked, from);
+    return answerSound(asked, from, nullptr);
   }
   asked.count &= ~kRunMask;
   Receiver *receiver = sending.receivers.heard(from, nowMs);
-  if (asked.count > 0) return answerSound(asked, from);
+  if (asked.count > 0) return answerSound(asked, from, receiver);
   Number freeTill = freeTillOf(*sending.ctrl);
   // Nobody can have put away what was never laid down.
   if (asked.first > filledOf(*sending.ctrl)) return;

@@ -81,20 +81,37 @@ void adaptPace(msendctrl *ctrl, int32_t trip) {
   ctrl->waitTime = wait < shortest ? shortest : wait;
 }
 
+// Not ahead of the packer, nor of the rings of the receivers.
+Number readyTill(const msendctrl &ctrl) {
+  Number filled = filledOf(ctrl);
+  Number limit = sending.receivers.limit();
+  return filled < limit ? filled : limit;
+}
+
 bool nothingReady(const msendctrl &ctrl) {
   Number filled = filledOf(ctrl);
   Number lastSent = lastSentOf(ctrl);
   // Installed senders send the slot that the packer is about to fill, and on later laps receivers
-  // take its old content for the new segment. Nor does a sound sender run ahead of the rings of
-  // its receivers.
-  if (soundRun()) return lastSent + 1 >= filled || lastSent + 1 >= sending.receivers.limit();
+  // take its old content for the new segment.
+  if (soundRun()) return lastSent + 1 >= readyTill(ctrl);
   return highOf(lastSent) > highOf(filled) || lastSent == filled;
 }
 
-int sendAgain(mslot &slot, msendctrl *ctrl, sockaddr_in *to, int sd, const Moment &now) {
-  stamp(slot, *ctrl, now);
+void prepareAgain(mslot &slot, const msendctrl &ctrl, const Moment &now) {
+  stamp(slot, ctrl, now);
   memset(slot.seg.pfin, 0, sizeof slot.seg.pfin);
   memset(slot.seg.sent, 0, sizeof slot.seg.sent);
+}
+
+void prepareNew(mslot &slot, const msendctrl &ctrl, Number number, const Moment &now) {
+  stamp(slot, ctrl, now);
+  packul(&slot.seg.high, highOf(number));
+  packul(&slot.seg.low, lowOf(number));
+  memcpy(slot.seg.sent, "SeNd", 4);
+}
+
+int sendAgain(mslot &slot, msendctrl *ctrl, sockaddr_in *to, int sd, const Moment &now) {
+  prepareAgain(slot, *ctrl, now);
   if (sendSeg(&slot, to, sd) != 0) {
     base::print(fplog, "ERROR: Failed to send segment. errno = %i\n", errno);
     return -1;
@@ -107,10 +124,7 @@ int sendNext(mslot *ring, msendctrl *ctrl, sockaddr_in *to, int sd, const Moment
   Number number = lastSentOf(*ctrl) + 1;
   storeNumber(ctrl->lastSentHigh, ctrl->lastSentLow, number);
   mslot &slot = sendSlot(ring, number);
-  stamp(slot, *ctrl, now);
-  packul(&slot.seg.high, highOf(number));
-  packul(&slot.seg.low, lowOf(number));
-  memcpy(slot.seg.sent, "SeNd", 4);
+  prepareNew(slot, *ctrl, number, now);
   if (sendSeg(&slot, to, sd) != 0) {
     base::print(fplog, "NOTICE: Failed to send segment. errno = %i\n", errno);
     storeNumber(ctrl->lastSentHigh, ctrl->lastSentLow, number - 1);
@@ -124,8 +138,10 @@ int sendNext(mslot *ring, msendctrl *ctrl, sockaddr_in *to, int sd, const Moment
 }
 
 void expire(mslot *ring, msendctrl *ctrl, Number until, uint32_t now) {
-  for (Number number = freeTillOf(*ctrl) + 1; number < until; number++)
+  Number before = freeTillOf(*ctrl);
+  for (Number number = before + 1; number < until; number++)
     if (expireOldSegs(ring, ctrl, lowOf(number), now) != 0) break;
+  if (soundRun() && freeTillOf(*ctrl) != before) base::wakeWord(&ctrl->freeTillLow);
 }
 
 // Whether a receiver of this run may still ask for the segment that would be freed next.
@@ -180,7 +196,6 @@ int expireOldSegs(mslot *ring, msendctrl *ctrl, uint32_t segLow, uint32_t now) {
   mrepl::Number next = mrepl::joined(ctrl->freeTillHigh, segLow);
   if (ctrl->freeTillLow > segLow) next += mrepl::Number{1} << 32;
   mrepl::storeNumber(ctrl->freeTillHigh, ctrl->freeTillLow, next);
-  if (sound) base::wakeWord(&ctrl->freeTillLow);
   return 0;
 }
 

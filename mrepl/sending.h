@@ -3,6 +3,8 @@
 #include <netinet/in.h>
 #include <sys/types.h>
 
+#include "mrepl/burst.h"
+#include "mrepl/pace.h"
 #include "mrepl/receivers.h"
 #include "mrepl/run.h"
 
@@ -30,6 +32,8 @@ struct Sending {
   int requestSd;
   pid_t packer;  // 0 when it is not our child, -1 when it has ended
   Wanted wanted;
+  Burst burst;
+  Pace pace;
   Receivers receivers;
   long long strangerMs;  // when a receiver that does not report asked last
 };
@@ -42,8 +46,13 @@ void takeRequests();
 // The pace that a round trip asks for.
 void adaptPace(msendctrl *ctrl, int32_t roundTripMicros);
 
+// Sound: the first new segment that may not be sent now.
+Number readyTill(const msendctrl &ctrl);
 // True when no new segment may be sent now.
 bool nothingReady(const msendctrl &ctrl);
+// Writes into a slot's datagram what belongs to this transmission of it.
+void prepareAgain(mslot &slot, const msendctrl &ctrl, const Moment &now);
+void prepareNew(mslot &slot, const msendctrl &ctrl, Number number, const Moment &now);
 // Sends a segment again; sends the next new one. 0 or -1.
 int sendAgain(mslot &slot, msendctrl *ctrl, sockaddr_in *to, int sd, const Moment &now);
 int sendNext(mslot *ring, msendctrl *ctrl, sockaddr_in *to, int sd, const Moment &now);

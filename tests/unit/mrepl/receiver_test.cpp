@@ -1,6 +1,7 @@
 // Segments taken in, holes asked for, files rebuilt, and the end of a receiver.
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/udp.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/resource.h>
@@ -756,6 +757,36 @@ TEST_F(Whole, ASoundReceiverTakesOneRunOnlyAndSaysFarewell) {
   EXPECT_EQ(last.count, 9u << 16);
   EXPECT_TRUE(has(support::readFile(path("var/tape/mrepljobs/received.json")),
                   "\"state\":\"complete\",\"run\":9"));
+}
+
+// Segments that one call sent may arrive in one piece; what else arrives so is none of ours.
+TEST_F(Whole, SegmentsOfOnePieceAreTakenOneByOne) {
+  soundSite();
+  int on = 1;
+  ASSERT_EQ(setsockopt(ear.sd, SOL_UDP, UDP_GRO, &on, sizeof on), 0);
+  int result = receive([&](int sd) {
+    std::string piece;
+    auto add = [&](uint64_t number, const std::string &payload, uint32_t control) {
+      mseg datagram = mtest::segment(number, "", 7, control | 9 << 16);
+      memcpy(datagram.payload, payload.data(), std::min(payload.size(), sizeof datagram.payload));
+      piece.append(reinterpret_cast<char *>(&datagram), sizeof datagram);
+    };
+    add(1, mtest::payload({.name = path("f"), .size = 1500}), kMarked);
+    add(2, content.substr(0, 1024), mrepl::kReports);
+    add(3, content.substr(1024), mrepl::kReports);
+    add(4, end(), kMarked);
+    add(5, end(), kMarked);
+    for (int length : {1000, 1057, 528, static_cast<int>(sizeof(mseg))}) {
+      // The last one is cut short, and sent whole only at the end.
+      size_t bytes = length == sizeof(mseg) ? piece.size() : piece.size() - 3;
+      setsockopt(sd, SOL_UDP, UDP_SEGMENT, &length, sizeof length);
+      EXPECT_EQ(
+          sendto(sd, piece.data(), bytes, 0, reinterpret_cast<sockaddr *>(&group), sizeof group),
+          static_cast<ssize_t>(bytes));
+    }
+  });
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(support::readFile(path("f")), content);
 }
 
 TEST_F(Whole, WithoutTheOtherProcessNeitherRuns) {
