@@ -65,14 +65,14 @@ int printList(FILE *out, const char *list, const reprec &job) {
   base::File lines(fopen(list, "re"));
   char *texts = static_cast<char *>(calloc(1, kTableTexts));
   char *table[kTableSlots] = {};
-  if (lines && texts) {
-    readTransforms(job.job, texts, table);
+  int result = lines && texts ? readTransforms(job.job, texts, table) : -1;
+  if (result == 0) {
     reprec policy = job;
     permctrl(1, &policy);
     while (char *path = getLineList(lines.get())) printEntry(out, path, job.dest, table);
   }
   free(texts);
-  return lines && texts ? 0 : -1;
+  return result;
 }
 
 }  // namespace
@@ -95,7 +95,9 @@ int preview(int number) {
     if (result == 0) result = printList(out.get(), list, job);
     unlink(list);
   }
-  if (result != 0) base::print(stderr, "ERROR:  The list of job# %i cannot be expanded\n", number);
+  if (result != 0)
+    base::print(stderr, "ERROR:  The list of job# %i cannot be expanded, or not transformed\n",
+                number);
   return result;
 }
 

@@ -52,7 +52,10 @@ bool hasEnded(int sd) {
 int readReply(int sd, char *reply) {
   memset(reply, 0, kReplyMax + 1);
   for (size_t at = 0; at < kReplyMax; at++) {
+    errno = 0;
     ssize_t got = readn(sd, reply + at, 1);
+    // A connection that was torn down reads as ended from its second read on.
+    if (got == -4 && errno == ECONNRESET) return kReplyFailed;
     if (got != 1) return got == -3 || (got == -4 && hasEnded(sd)) ? kReplyEnded : kReplyFailed;
     if (reply[at] == '\n') return 0;
   }
@@ -211,8 +214,11 @@ int replicateChld(const char *host, void *record) {
     if (backuplog) fflush(backuplog);
     return -1;
   }
-  readTransforms(job.job, texts, table);
-  int result = serve(host, job, table);
+  int result = readTransforms(job.job, texts, table);
+  if (result == 0)
+    result = serve(host, job, table);
+  else
+    net::noteReason("the job has more transforms than are used");
   net::watchReceiver("", -1);
   free(texts);
   if (backuplog) fflush(backuplog);

@@ -77,6 +77,19 @@ int replaceTransforms(int job, const char *prefix, char *const fresh[2]) {
   return 0;
 }
 
+// True for a line that can hold a transform.
+bool counts(const char *line) {
+  return line[0] != '#' && strlen(line) >= 4;
+}
+
+// True when the rest of the file holds a transform.
+bool hasMore(FILE *in) {
+  char line[kLoadLine + 1];
+  while (fgets(line, sizeof line, in))
+    if (counts(line) && strchr(line, '>')) return true;
+  return false;
+}
+
 // One table being loaded: pairs of texts in the caller's buffer.
 struct Loading {
   char *buffer;
@@ -84,23 +97,16 @@ struct Loading {
   size_t fill = 0;
   size_t pairs = 0;
 
-  // Reads the next line to the fill point: false at the end of the file or when the buffer is used
-  // up.
-  bool next(FILE *in, int job) {
-    if (kTableTexts - fill <= kLoadLine) {
-      base::print(backuplog, "NOTICE:  Transforms of job %i: no room for more than %zu of them\n",
-                  job, pairs);
-      return false;
-    }
-    return fgets(buffer + fill, kLoadLine + 1, in) != nullptr;
-  }
+  bool hasRoom() const { return pairs < kMostPairs && kTableTexts - fill > kLoadLine; }
+
+  // Reads the next line to the fill point; false at the end of the file.
+  bool next(FILE *in) { return fgets(buffer + fill, kLoadLine + 1, in) != nullptr; }
 
   // Keeps the line at the fill point, as a pair when it is one.
   void keep() {
     char *line = buffer + fill;
-    size_t length = strlen(line);
-    if (line[0] == '#' || length < 4) return;
-    fill += length + 2;
+    if (!counts(line)) return;
+    fill += strlen(line) + 2;
     char *middle = strchr(line, '>');
     if (!middle) return;
     *middle = '\0';
@@ -214,14 +220,19 @@ int readTransforms(int job, char *buffer, char **table) {
   base::File file(fopen(transPath(job), "re"));
   if (!file) return 0;
   Loading loading{buffer, table};
-  while (loading.pairs < kMostPairs && loading.next(file.get(), job)) loading.keep();
-  if (loading.pairs == kMostPairs && getc(file.get()) != EOF)
-    base::print(backuplog, "NOTICE:  Transforms of job %i: only the first %zu are used\n", job,
-                kMostPairs);
+  while (loading.hasRoom() && loading.next(file.get())) loading.keep();
+  bool cut = hasMore(file.get());
+  if (cut)
+    base::print(backuplog,
+                loading.pairs == kMostPairs
+                    ? "NOTICE:  Transforms of job %i: only the first %zu are used\n"
+                    : "NOTICE:  Transforms of job %i: no room for more than %zu of them\n",
+                job, loading.pairs);
   table[2 * loading.pairs] = table[2 * loading.pairs + 1] = nullptr;
   base::print(stderr, "Exiting readTransforms\n");
   for (int at = 0; table[at]; at++) base::print(stderr, "transform[%i] = %s\n", at, table[at]);
-  return 0;
+  // What the missing ones were to send elsewhere would go to the live paths of every target.
+  return cut && soundStores() ? -1 : 0;
 }
 
 int permctrl(int op, void *p) {

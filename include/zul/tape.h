@@ -190,7 +190,8 @@ ZUL_API int getTrans(const char *job);
 ZUL_API int addTrans(char *args);
 ZUL_API int modTrans(const char *job, char *args);
 ZUL_API int delTrans(const char *job, const char *prefix);
-/* Loads the transforms of a job: buffer is 9728 zeroed bytes, table 32 entries, ended by two nulls. */
+/* Loads the transforms of a job: buffer is 9728 zeroed bytes, table 32 entries, ended by two nulls.
+   0; in a sound site -1 when there are more than it holds. */
 ZUL_API int readTransforms(int job, char *buffer, char **table);
 /* op 1 takes the policy from a reprec; any other op applies it to a package header. Always 0. */
 ZUL_API int permctrl(int op, void *p);

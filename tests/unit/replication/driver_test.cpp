@@ -293,6 +293,36 @@ TEST_P(Driver, TransformsAndPolicyShapeWhatArrives) {
   });
 }
 
+TEST_P(Driver, AsManyTransformsAsThereIsRoomForAreUsed) {
+  alone([&] {
+    std::string pairs;
+    for (int pair = 1; pair < 15; pair++) pairs += "/none" + std::to_string(pair) + ">/never\n";
+    writeFile(path("var/tape/jobids/trans.5"), pairs + path("tree") + ">/elsewhere\n");
+    defineJob({"127.0.0.2"}, path("copy"));
+    TargetHost target("127.0.0.2", path("tmp"));
+    EXPECT_EQ(run(), 0);
+    EXPECT_EQ(readFile(path("copy/elsewhere/one")), "first");
+    EXPECT_EQ(jobLog().find("NOTICE:  Transforms"), std::string::npos) << jobLog();
+  });
+}
+
+TEST_P(Driver, OneTransformTooManyIsSaidAndUnderSoundNothingIsSentToTheWrongPlace) {
+  alone([&] {
+    std::string pairs;
+    for (int pair = 1; pair < 16; pair++) pairs += "/none" + std::to_string(pair) + ">/never\n";
+    writeFile(path("var/tape/jobids/trans.5"), pairs + path("tree") + ">/elsewhere\n");
+    defineJob({"127.0.0.2"}, path("copy"));
+    TargetHost target("127.0.0.2", path("tmp"));
+    EXPECT_EQ(run(), sound() ? -2 : 0);
+    EXPECT_NE(jobLog().find("NOTICE:  Transforms of job 5: only the first 15 are used\n"),
+              std::string::npos);
+    EXPECT_FALSE(exists(path("copy/elsewhere")));
+    EXPECT_EQ(exists(path("copy") + path("tree/one")), !sound());
+    EXPECT_EQ(results().find("more transforms than are used") != std::string::npos, sound())
+        << results();
+  });
+}
+
 TEST_P(Driver, NamedMembersAreServedAlone) {
   alone([&] {
     defineJob({"127.0.0.2", "127.0.0.3"}, path("copy"));
@@ -383,6 +413,24 @@ TEST_P(ClassicDriver, TheStatedPausesAreTheTables) {
   EXPECT_EQ(base::pauseLength(base::Pause::ReceiverReady), 5000);
   EXPECT_EQ(base::pauseLength(base::Pause::ReplicatePoll), 2000);
   EXPECT_EQ(base::pauseLength(base::Pause::ListStart), 100);
+}
+
+TEST_P(ClassicDriver, ADestinationThatCannotTravelIsSaidAndItsTargetIsNotReached) {
+  alone([&] {
+    defineJob({"127.0.0.2"}, path("my copy"));
+    TargetHost::Play play;
+    // What an agent makes of a line with a word too many.
+    play.reply = "ERROR:  Command syntax error\n";
+    play.listens = false;
+    TargetHost target("127.0.0.2", path("tmp"), play);
+    EXPECT_EQ(run(), 0);
+    EXPECT_EQ(asked("127.0.0.2"), "TAPE repclnt " + path("my copy") + " 4 0\n");
+    std::string log = jobLog();
+    EXPECT_NE(log.find("NOTICE:  A destination that is empty or has blanks in it cannot be sent"),
+              std::string::npos);
+    EXPECT_LT(log.find("INFO:  NO Encryption\n"), log.find("Listner failed for 127.0.0.2\n"));
+    EXPECT_FALSE(exists(path("my")));
+  });
 }
 
 TEST_P(ClassicDriver, AHandshakeThatFailsIsSaid) {
@@ -655,6 +703,16 @@ TEST_F(StartClient, AConnectionThatClosesIsToldApart) {
       errno = stale;
       support::captureStderr([&] { EXPECT_EQ(startReplicateClnt("127.0.0.2", "/x", 4, 0), -5); });
     }
+  });
+}
+
+TEST_F(StartClient, AConnectionThatFailsIsToldApart) {
+  TargetHost::Play play;
+  play.reply = "";
+  play.resets = true;
+  alone([&] {
+    TargetHost target("127.0.0.2", path("tmp"), play);
+    support::captureStderr([&] { EXPECT_EQ(startReplicateClnt("127.0.0.2", "/x", 4, 0), -6); });
   });
 }
 

@@ -101,6 +101,12 @@ static void playRequest(int sd, const std::string &address, const std::string &f
   (void)!write(log, line.data(), line.size());
   close(log);
   send(sd, play.reply.data(), play.reply.size(), MSG_NOSIGNAL);
+  if (play.resets) {
+    linger atOnce{1, 0};
+    setsockopt(sd, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
+    close(sd);
+    return;
+  }
   char destination[256] = "";
   int conflict = 0, flags = 0;
   sscanf(line.c_str(), "TAPE repclnt %255s %i %i", destination, &conflict, &flags);

@@ -31,6 +31,7 @@ class TargetHost {
     std::string reply = "Rep Flags=n\n";  // what the agent answers
     bool listens = true;                  // the data port is opened at all
     bool tellsEnd = true;                 // the end of the request is said
+    bool resets = false;                  // the connection is torn down behind the answer
     std::string destination;              // instead of the one asked for
     // Instead of the receiver; the exit status of the request.
     std::function<int(int listening)> receive;
