@@ -23,6 +23,7 @@
 #include "base/log.h"
 #include "base/site.h"
 #include "base/text.h"
+#include "replication/parts.h"
 
 namespace target {
 
@@ -33,14 +34,6 @@ struct Pending {
   mode_t mode;
   timespec times[2];
   char path[kPathRoom];
-};
-
-// Below this name a file or link is made before it gets its own. With the process in it, no file
-// that is restored has the same.
-struct PartName {
-  char text[32];
-  PartName() { snprintf(text, sizeof text, ".zulpart.%i", getpid()); }
-  operator const char *() const { return text; }
 };
 
 // The reception under way. Plain data: the module has no global with a constructor.
@@ -251,6 +244,7 @@ int makeDirectorySound(const package &header, const char *path) {
   }
   if (!exists && mkdirat(place.dir, place.name, (header.mode & 07777) | 0700) != 0)
     return failed(kNoParent, "cannot make directory", path);
+  if (exists) sweepParts(place.dir, place.name);
   if (setOwner(place, header) != 0) return failed(kCannotOwn, "cannot set owner of", path);
   Times times(header);
   if (!remember(header.mode, times.both, path))
@@ -263,12 +257,7 @@ int makeDirectorySound(const package &header, const char *path) {
 int openPart(const package &header, const char *path) {
   Place place;
   if (!locate(path, true, &place)) return failed(kNoParent, "cannot make the parent of", path);
-  PartName part;
-  constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-  state.fd = openat(place.dir, part, kFlags, 0600);
-  // Left behind by a process of the same number.
-  if (state.fd < 0 && errno == EEXIST && unlinkat(place.dir, part, 0) == 0)
-    state.fd = openat(place.dir, part, kFlags, 0600);
+  state.fd = openNewPart(place.dir);
   if (state.fd < 0) return failed(kCannotOpen, "cannot write beside", path);
   state.partDir = place.dir;
   state.part = header;
@@ -378,7 +367,10 @@ void keepDirectory(const package &header, const char *root) {
   char path[kPathRoom];
   int length = snprintf(path, sizeof path, "%.256s%.256s", root, header.filename);
   if (!beneathRoot() || static_cast<size_t>(length) >= sizeof path || !lookAt(path, &there)) return;
-  if (S_ISDIR(there.st_mode)) remember(there.st_mode, {there.st_atim, there.st_mtim}, path);
+  if (!S_ISDIR(there.st_mode)) return;
+  remember(there.st_mode, {there.st_atim, there.st_mtim}, path);
+  Place place;
+  if (locate(path, false, &place)) sweepParts(place.dir, place.name);
 }
 
 int makeDirectory(const package &header, const char *path) {

@@ -4,9 +4,11 @@
 #include <netinet/in.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -409,7 +411,7 @@ TEST_P(Handshake, WhatIsNotWantedIsNotAskedFor) {
 
 TEST_P(Handshake, WholeMegabytesArriveWithAndWithoutTheLastHeader) {
   for (bool trailing : {true, false}) {
-    for (size_t size : {size_t{PACK_CHUNK}, size_t{3} * PACK_CHUNK}) {
+    for (size_t size : {size_t{PACK_CHUNK}, size_t{2} * PACK_CHUNK, size_t{3} * PACK_CHUNK}) {
       EXPECT_EQ(run({file("/f", pattern(size), trailing), file("/g", "behind it"),
                      file("/h", pattern(size, 7), trailing)}),
                 0)
@@ -418,6 +420,13 @@ TEST_P(Handshake, WholeMegabytesArriveWithAndWithoutTheLastHeader) {
       EXPECT_EQ(readFile(root + "/g"), "behind it");
       EXPECT_EQ(readFile(root + "/h"), pattern(size, 7));
     }
+  }
+}
+
+TEST_P(Handshake, TheLastHeaderBelongsToAFileAlsoAtTheEndOfTheList) {
+  for (bool trailing : {true, false}) {
+    EXPECT_EQ(run({file("/f", pattern(PACK_CHUNK), trailing)}), 0) << trailing;
+    EXPECT_EQ(readFile(root + "/f"), pattern(PACK_CHUNK));
   }
 }
 
@@ -525,6 +534,52 @@ TEST_P(SoundHandshake, DirectoriesKeepTheirTimesAlthoughTheyAreFilled) {
   EXPECT_EQ(statOf(root + "/d").st_mtime, 1000000000);
   EXPECT_EQ(statOf(root + "/d/e").st_mtime, 1000000000);
   EXPECT_EQ(statOf(root + "/d").st_mode & 07777, 0750u);
+}
+
+TEST_P(SoundHandshake, WholeMegabytesThatCannotBeMadeCostOnlyThemselves) {
+  std::filesystem::create_directories(root + "/f/full");
+  for (bool trailing : {true, false}) {
+    EXPECT_EQ(run({file("/f", pattern(2 * PACK_CHUNK), trailing), file("/g", "behind it")}), -4);
+    EXPECT_EQ(readFile(root + "/g"), "behind it");
+    unlink((root + "/g").c_str());
+  }
+}
+
+// The number of a process that has ended.
+pid_t pidOfTheDead() {
+  pid_t pid = fork();
+  if (pid == 0) _exit(0);
+  waitpid(pid, nullptr, 0);
+  return pid;
+}
+
+TEST_P(SoundHandshake, PartsOfReceiversThatWereKilledGoWithTheNextRun) {
+  for (int conflict : {4, 1}) {  // the folder is made anew, or kept as it is
+    mkdir((root + "/d").c_str(), 0755);
+    std::string begin = root + "/d/.zulpart.";
+    std::string file = begin + std::to_string(pidOfTheDead());
+    std::string link = begin + std::to_string(pidOfTheDead());
+    std::string written = begin + std::to_string(pidOfTheDead());
+    std::string foreign = begin + std::to_string(pidOfTheDead());
+    std::string living = begin + std::to_string(getppid()), other = begin + "1x";
+    for (const std::string &part : {file, written, foreign, living, other}) {
+      writeFile(part, "half of it");
+      chmod(part.c_str(), part == foreign ? 0644 : 0600);
+    }
+    ASSERT_EQ(symlink("nowhere", link.c_str()), 0);
+    // Of a receiver in another container, say: its number means nothing here.
+    base::Fd lock(open(written.c_str(), O_WRONLY));
+    ASSERT_EQ(flock(lock.get(), LOCK_EX), 0);
+    timespec then[2] = {{5, 0}, {5, 0}};
+    utimensat(AT_FDCWD, (root + "/d").c_str(), then, 0);
+    EXPECT_EQ(run({{headerOf("/d/", 1), ""}}, conflict), 0);
+    EXPECT_FALSE(exists(file));
+    struct stat gone;
+    EXPECT_NE(lstat(link.c_str(), &gone), 0);
+    for (const std::string &part : {written, foreign, living, other}) EXPECT_TRUE(exists(part));
+    EXPECT_EQ(statOf(root + "/d").st_mtime, conflict == 4 ? 1000000000 : 5);
+    std::filesystem::remove_all(root + "/d");
+  }
 }
 
 TEST_P(SoundHandshake, ASecondRunMendsWhatDiffersAndNothingElse) {
