@@ -1,27 +1,28 @@
 // The loop and the stages of a fan-out, in the process of the request that asked for it.
 //
 // A host costs only itself: connections are made without blocking, lines are put together from
-// whatever has arrived, and all waiting is one poll over all hosts. The login is the host process's
-// own and does block, for some seconds where an agent hangs. Sound sites (pace) therefore log in in
-// short-lived processes, one a host; classic ones log in in the loop, as they always did.
+// whatever has arrived, and all waiting is one poll over all hosts. The look-up of a name and the
+// login, which is the host process's own, do block, for some seconds where a name service or an
+// agent hangs. Sound sites (pace) therefore do both in short-lived processes, one a host; classic
+// ones do them in the loop, as they always did.
 #include "fanout/crowd.h"
 
+#include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <zul/host.h>
 #include <zul/net.h>
 
 #include "base/log.h"
 #include "base/pause.h"
-#include "base/process.h"
 #include "base/site.h"
 #include "base/text.h"
+#include "fanout/apart.h"
 
 namespace fanout {
 
@@ -56,8 +57,7 @@ char *findEndLine(char *line, bool atLineStart) {
 // What the loop knows about a host beside its entry.
 struct Crowd::Member {
   long long begunMs, heardMs;  // connection begun; last sign of life
-  pid_t login;                 // its login process, or 0
-  int loginPipe;               // says how that went
+  Helper helper;               // looks up its name, or logs in
   short ready;                 // of the last poll
   bool midLine;                // the next byte goes on with a line that came in pieces
   int ended;                   // commands that have ended
@@ -99,7 +99,6 @@ Crowd::Ready Crowd::gather(const strNode *hosts) {
     if (!node->text) continue;
     entries_[index].host = node->text;
     entries_[index].sd = -1;
-    members_[index].loginPipe = -1;
     if (index < kAtOnce) entries_[index].buf = block_ + index * kBufferBytes;
     index++;
   }
@@ -136,9 +135,31 @@ void Crowd::start(int index) {
   entry.started = time(nullptr);
   members_[index].begunMs = base::nowMs();
   inFlight_++;
+  // A name service that does not answer would hold up all hosts, one name after the other.
+  in_addr known;
+  if (apart_ && inet_aton(entry.host, &known) == 0 && startApart(index)) return;
   errno = 0;
-  entry.sd = audience_.connects(entry.host);
-  if (entry.sd < 0) end(index, End::notStarted, errno);
+  int sd = audience_.connects(entry.host);
+  begun(index, sd, errno);
+}
+
+// Begins a connection in a process that may take its time over the name.
+bool Crowd::startApart(int index) {
+  Helper helper;
+  if (!startHelper(&helper)) return false;
+  if (helper.pid == 0) {
+    leaveOthersAlone(index);
+    errno = 0;
+    int sd = audience_.connects(entries_[index].host);
+    giveAnswer(helper, errno, sd);
+  }
+  members_[index].helper = helper;
+  return true;
+}
+
+void Crowd::begun(int index, int sd, int error) {
+  entries_[index].sd = sd;
+  if (sd < 0) end(index, End::notStarted, error);
 }
 
 // Sleeps until a host can go on or has to be given up.
@@ -157,9 +178,8 @@ void Crowd::waitForAny() {
     bool sends =
         !(entry.state & kFirstSent) || ((entry.state & kFirstSeen) && !(entry.state & kAllSent));
     if ((entry.state & kLoggedIn) && sends) events = POLLOUT;
-    bool loginRuns = members_[index].login != 0;
-    asked[waiting] = {loginRuns ? members_[index].loginPipe : entry.sd,
-                      loginRuns ? static_cast<short>(POLLIN) : events, 0};
+    const Helper &helper = members_[index].helper;
+    asked[waiting] = helper.pid != 0 ? pollfd{helper.end, POLLIN, 0} : pollfd{entry.sd, events, 0};
     who[waiting++] = index;
     int left = deadlineMs(index, now);
     if (longest < 0 || left < longest) longest = left;
@@ -173,7 +193,7 @@ void Crowd::waitForAny() {
 int Crowd::deadlineMs(int index, long long now) const {
   const Member &member = members_[index];
   long long end = member.begunMs + limits.connectMs;
-  if (member.login != 0) end = member.heardMs + limits.loginMs;
+  if (member.helper.pid != 0 && entries_[index].sd >= 0) end = member.heardMs + limits.loginMs;
   if (entries_[index].state & kLoggedIn) end = member.heardMs + answerMs_;
   return end <= now ? 0 : static_cast<int>(end - now);
 }
@@ -182,8 +202,8 @@ void Crowd::advance(int index) {
   uint32_t state = entries_[index].state;
   bool ready = members_[index].ready != 0;
   bool late = deadlineMs(index, base::nowMs()) == 0;
-  if (members_[index].login != 0) {
-    if (ready || late) takeLogin(index);
+  if (members_[index].helper.pid != 0) {
+    if (ready || late) takeHelper(index);
   } else if (!(state & kLoggedIn)) {
     // The time counts before the socket does: that is the order operators know from the result
     // file.
@@ -223,41 +243,28 @@ void Crowd::login(int index) {
 }
 
 bool Crowd::loginApart(int index) {
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0) return false;
-  pid_t pid = base::forkFlushed();
-  if (pid == 0) {
-    // A connection that ends meanwhile must not stay open here.
-    for (int other = 0; other < count_; other++)
-      if (other != index && entries_[other].sd >= 0) close(entries_[other].sd);
-    char good = autoLogin(entries_[index].sd) == 0 ? 1 : 0;
-    (void)!write(ends[1], &good, 1);
-    _exit(0);
+  Helper helper;
+  if (!startHelper(&helper)) return false;
+  if (helper.pid == 0) {
+    leaveOthersAlone(index);
+    giveAnswer(helper, autoLogin(entries_[index].sd) == 0 ? 1 : 0);
   }
-  close(ends[1]);
-  if (pid < 0) {
-    close(ends[0]);
-    return false;
-  }
-  members_[index].login = pid;
-  members_[index].loginPipe = ends[0];
+  members_[index].helper = helper;
   return true;
 }
 
-// The login process has said how it went, or is gone, or takes too long.
-void Crowd::takeLogin(int index) {
-  Member &member = members_[index];
-  char good = 0;
-  if (member.ready != 0)
-    (void)!read(member.loginPipe, &good, 1);
-  else
-    kill(member.login, SIGKILL);
-  close(member.loginPipe);
-  while (waitpid(member.login, nullptr, 0) < 0 && errno == EINTR) {
-  }
-  member.login = 0;
-  member.loginPipe = -1;
-  loggedIn(index, good == 1);
+// In a helper: a connection of another host that ends meanwhile must not stay open here.
+void Crowd::leaveOthersAlone(int index) const {
+  for (int other = 0; other < count_; other++)
+    if (other != index && entries_[other].sd >= 0) close(entries_[other].sd);
+}
+
+void Crowd::takeHelper(int index) {
+  bool late = members_[index].ready == 0;
+  Answer answer = takeAnswer(&members_[index].helper);
+  if (entries_[index].sd >= 0) return loggedIn(index, answer.value == 1);
+  if (late && !answer.came) return end(index, End::noResponse);
+  begun(index, answer.sd, answer.value);
 }
 
 void Crowd::loggedIn(int index, bool good) {

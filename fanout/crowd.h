@@ -95,13 +95,16 @@ class Crowd {
   bool inFlight(int index) const;
   void startWaiting();
   void start(int index);
+  bool startApart(int index);
+  void begun(int index, int sd, int error);
   void waitForAny();
   int deadlineMs(int index, long long now) const;
   void advance(int index);
   void connect(int index);
   void login(int index);
   bool loginApart(int index);
-  void takeLogin(int index);
+  void leaveOthersAlone(int index) const;
+  void takeHelper(int index);
   void loggedIn(int index, bool good);
   void sendFirst(int index);
   void sendNext(int index);
@@ -115,7 +118,7 @@ class Crowd {
   char **commands_;
   int commandCount_ = 0;
   int answerMs_;
-  bool apart_;  // logins have processes of their own
+  bool apart_;  // look-ups and logins have processes of their own
   hostEntry *entries_ = nullptr;
   Member *members_ = nullptr;
   char *block_ = nullptr;

@@ -1,4 +1,6 @@
 // Starting work on many hosts: agents that are well, slow, gone, lying or silent.
+#include <dlfcn.h>
+#include <netdb.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -13,6 +15,20 @@ using fanout_test::Peer;
 using support::exitOf;
 using support::hostPlay;
 using support::inChild;
+
+// The name service, which knows nothing of names that begin so, and takes its time over it.
+static int slowLookUpMs;
+
+extern "C" hostent *gethostbyname(const char *name) {
+  if (strncmp(name, "slow", 4) == 0) {
+    base::sleepMs(slowLookUpMs);
+    h_errno = HOST_NOT_FOUND;
+    return nullptr;
+  }
+  using LookUp = hostent *(*)(const char *);
+  static auto real = reinterpret_cast<LookUp>(dlsym(RTLD_NEXT, "gethostbyname"));
+  return real(name);
+}
 
 namespace {
 
@@ -293,6 +309,40 @@ TEST_F(Minimonk, ALoginProcessThatNeverEndsIsEnded) {
   agents.at("127.0.1.1", saysNothing);
   EXPECT_TRUE(has(run({"127.0.1.1"}), "7016"));
   EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+}
+
+TEST_F(Minimonk, HangingLookUpsCostTheOthersNothingWhereTheyHaveProcesses) {
+  soundSite();
+  slowLookUpMs = 700;
+  std::vector<std::string> hosts;
+  for (int number = 1; number <= 39; number++) hosts.push_back("slow" + std::to_string(number));
+  hosts.push_back("127.0.4.40");
+  agents.at(hosts.back(), accepts);
+  long long begun = base::nowMs();
+  std::string said = run(hosts);
+  EXPECT_LT(base::nowMs() - begun, 5000) << "one after the other they would take half a minute";
+  EXPECT_TRUE(has(said, note(1, 40)));
+  EXPECT_TRUE(has(said, "Host[slow7]  Could not resolve host name: slow7\n"));
+  EXPECT_TRUE(has(said, "Host[slow7]  ERROR:  7015  Cannot connect to remote host.\n"));
+  EXPECT_LT(results().find(".4.40 Ok"), results().find("Host slow"));
+  EXPECT_TRUE(resultHas("Host slow39 Connection_Refused: "));
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "no process is left";
+}
+
+TEST_F(Minimonk, ALookUpThatNeverEndsIsEnded) {
+  soundSite();
+  fanout::limits.connectMs = 300;
+  slowLookUpMs = 60000;
+  agents.at("127.0.1.1", accepts);
+  EXPECT_TRUE(has(run({"slow", "127.0.1.1"}), "Host[slow]  Host did not respond.\n" + note(1, 2)));
+  EXPECT_TRUE(resultHas("Host slow No_Response: "));
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+}
+
+// The connection is begun in the process that looks the name up, and goes on here.
+TEST_P(EitherMinimonk, NamesLeadToTheirHosts) {
+  agents.at("127.0.0.1", accepts);
+  EXPECT_EQ(run({"localhost"}), "Host[localhost]  Host[localhost]  " + note(1, 1));
 }
 
 TEST_F(Minimonk, AnUnexpectedEndOfThePeerDoesNotKillTheProcess) {

@@ -75,6 +75,16 @@ TEST_F(FanOutRequest, TimeOutsAreToldFromUnreachableHosts) {
                   R"("result":"timeout","status":-1,"why":"logged in, then no answer in time")"));
 }
 
+// Where look-ups have processes of their own, what they found arrives from there.
+TEST_F(FanOutRequest, ASoundSiteSaysTheSameOfHostsThatAreNotThere) {
+  soundSite();
+  std::string said = ask("Host: no-such-host.invalid\nHost: localhost\nCommand: TAPE version\n");
+  EXPECT_TRUE(has(about(said, "no-such-host.invalid"),
+                  R"("result":"unreachable","status":-1,"why":"the name is not known")"));
+  EXPECT_TRUE(has(about(said, "localhost"),
+                  R"("result":"unreachable","status":-1,"why":"Connection refused")"));
+}
+
 TEST_F(FanOutRequest, ARefusedLoginIsRefused) {
   agents.at("127.0.1.1", saysNothing);
   hostPlay.loginResult = -1;
