@@ -7,12 +7,23 @@
 #include "console/hostlist.h"
 #include "console/manyhosts.h"
 #include "console/text.h"
+#include "console/volume.h"
 
 namespace console {
 
 namespace {
 
 using nlohmann::ordered_json;
+
+// How a fan-out's request begins; the daemon then takes the hosts.
+void begin(Connection &connection) {
+  connection.send("MREPL fanout");
+  std::string refusal;
+  Outcome outcome = connection.receive([&](std::string_view text) { refusal += text; }, false);
+  if (!outcome.accepted)
+    throw Failure(outcome.ended ? Exit::failed : Exit::noConnection,
+                  "the daemon does not run this: " + oneLine(refusal));
+}
 
 std::string commandLine(const FanoutOptions &options) {
   std::string line;
@@ -119,21 +130,42 @@ Exit runFanout(const FanoutOptions &options) {
   Connection connection(options.target);
   std::vector<std::string> hosts =
       expandHosts(options.hosts, [&] { return connection.ask("TAPE get group").text; });
-  connection.send("MREPL fanout");
-  std::string refusal;
-  Outcome outcome = connection.receive([&](std::string_view text) { refusal += text; }, false);
-  if (!outcome.accepted)
-    throw Failure(outcome.ended ? Exit::failed : Exit::noConnection,
-                  "the daemon does not run this: " + oneLine(refusal));
+  begin(connection);
   connection.sendBytes(uploadText(options, hosts));
   Report report(options.json);
-  outcome = connection.receive([&](std::string_view text) { report.take(text); }, true);
+  Outcome outcome = connection.receive([&](std::string_view text) { report.take(text); }, true);
   if (!report.complete())
     throw Failure(outcome.ended ? Exit::failed : Exit::noConnection,
                   "the report ended in the middle",
                   "What the hosts did is not known; look before you repeat it.");
   report.sumUp();
   return report.allWell() && outcome.status == 0 ? Exit::done : Exit::failed;
+}
+
+std::map<std::string, HostAnswer> askHosts(const Target &target,
+                                           const std::vector<std::string> &hosts,
+                                           const std::string &line, int limitSeconds) {
+  std::map<std::string, HostAnswer> answers;
+  if (hosts.empty()) return answers;
+  FanoutOptions options;
+  options.command = {line};
+  options.timeoutSeconds = limitSeconds;
+  Connection connection(target);
+  begin(connection);
+  connection.sendBytes(uploadText(options, hosts));
+  LineCutter cutter([&](std::string_view text) {
+    ordered_json record = ordered_json::parse(text, nullptr, false);
+    if (!record.is_object() || !record.contains("host")) return;
+    HostAnswer &answer = answers[record.value("host", "")];
+    answer.text += record.value("text", "");
+    answer.result = record.value("result", answer.result);
+    answer.why = record.value("why", answer.why);
+  });
+  Outcome outcome = connection.receive([&](std::string_view text) { cutter.feed(text); }, true);
+  cutter.finish();
+  if (!outcome.ended)
+    throw Failure(Exit::noConnection, "the connection ended before all hosts had answered");
+  return answers;
 }
 
 }  // namespace console

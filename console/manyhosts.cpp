@@ -4,6 +4,7 @@
 #include <CLI/CLI.hpp>
 #include <memory>
 
+#include "console/multicastrun.h"
 #include "console/text.h"
 
 namespace console {
@@ -16,7 +17,7 @@ struct Words {
   std::function<Exit()> *run;
   FanoutOptions fanout;
   std::string number, file;
-  bool json = false;
+  bool json = false, retryFailed = false;
 };
 using Shared = std::shared_ptr<Words>;
 
@@ -67,6 +68,55 @@ void addJobs(CLI::App &multicast, const Shared &words) {
   addNumber(remove, words);
 }
 
+void addRuns(CLI::App &multicast, const Shared &words) {
+  CLI::App *run = add(
+      multicast, "run", "Send a job to all its hosts at once, and tell what became of each",
+      "Afterwards every receiver is asked for its record, and what it wrote is compared with what "
+      "was\n"
+      "sent. A host is complete; incomplete, with the files it lacks; it never joined; or it is\n"
+      "unreachable, when its agent does not answer now.\n\n"
+      "--retry-failed starts no run: hosts that the last one left without something get just that "
+      "over\n"
+      "TCP, with the same names, owners and permissions, whatever is there. Repeat it as often as "
+      "you like.\n\n"
+      "Exit status: 0 only when every host has everything.\n\n"
+      "Examples:\n"
+      "  zul multicast run 5\n"
+      "  zul multicast run 5 --json | jq '.hosts[] | select(.state != \"complete\")'\n"
+      "  zul multicast run 5 --retry-failed",
+      words, [](Words &chosen) {
+        return runMulticast({chosen.target(), chosen.number, chosen.retryFailed, chosen.json});
+      });
+  addNumber(run, words);
+  run->add_flag("--retry-failed", words->retryFailed,
+                "Send what the last run left undone over TCP, to the hosts that lack it");
+  run->add_flag("--json", words->json, "For programs: the table as one object on one line");
+  CLI::App *result =
+      add(multicast, "result", "Tell again what became of the last run",
+          "Asks the receivers anew. A host keeps the record of its last run only.\n\n"
+          "Example:\n  zul multicast result 5",
+          words, [](Words &chosen) {
+            return showMulticastResult({chosen.target(), chosen.number, false, chosen.json});
+          });
+  addNumber(result, words);
+  result->add_flag("--json", words->json, "For programs: the table as one object on one line");
+  CLI::App *doctor = add(
+      multicast, "doctor", "Check all hosts of a job before a run",
+      "Of every host: does its agent answer and let the sender log in; has it an interface for\n"
+      "multicast; does it hear a datagram that the sender sends to the group; is its clock right; "
+      "has it\n"
+      "room for the job; does it behave as the sender does, and is it as new. What is wrong is "
+      "said with\n"
+      "what to do about it. Nothing is changed anywhere.\n\n"
+      "Exit status: 0 only when all is well.\n\n"
+      "Example:\n  zul multicast doctor 5",
+      words, [](Words &chosen) {
+        return runMulticastDoctor({chosen.target(), chosen.number, chosen.json});
+      });
+  addNumber(doctor, words);
+  doctor->add_flag("--json", words->json, "For programs: JSON on one line");
+}
+
 }  // namespace
 
 void addManyHosts(CLI::App &app, const std::function<Target()> &target,
@@ -100,7 +150,14 @@ void addManyHosts(CLI::App &app, const std::function<Target()> &target,
   fanout->add_flag("--json", words->fanout.json, "One object a host, then one with the sums");
   CLI::App *multicast = app.add_subcommand("multicast", "Replication to many hosts at once");
   multicast->require_subcommand(1);
+  multicast->footer(
+      "Examples:\n"
+      "  zul multicast job put 5 web.job\n"
+      "  zul multicast doctor 5            before the first run\n"
+      "  zul multicast run 5\n"
+      "  zul multicast run 5 --retry-failed");
   addJobs(*multicast, words);
+  addRuns(*multicast, words);
 }
 
 }  // namespace console

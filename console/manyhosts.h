@@ -1,6 +1,7 @@
 // Commands for many hosts at once, and the definitions of multicast jobs.
 #pragma once
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,17 @@ struct FanoutOptions {
 };
 // 0 only when every host did as asked.
 Exit runFanout(const FanoutOptions &options);
+
+// How one host answered.
+struct HostAnswer {
+  std::string result;  // "ok", "failed", "unreachable", "timeout", "refused", "lost"
+  std::string why;     // in words, where there was no answer
+  std::string text;
+};
+// Asks all hosts one request through the daemon; limitSeconds as timeoutSeconds above. By host.
+std::map<std::string, HostAnswer> askHosts(const Target &target,
+                                           const std::vector<std::string> &hosts,
+                                           const std::string &line, int limitSeconds);
 
 // --- multicast.cpp ---
 
