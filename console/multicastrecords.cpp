@@ -143,7 +143,8 @@ std::string missingText(const Verdict &verdict) {
 }
 
 std::string rowText(const Verdict &verdict, size_t width) {
-  bool known = verdict.files > 0 || verdict.complete();
+  // Of what was repaired only the replication knows how much it was.
+  bool known = verdict.files > 0 || (verdict.complete() && !verdict.repaired);
   std::string remark = missingText(verdict);
   if (!verdict.reason.empty()) remark += (remark.empty() ? "" : ": ") + oneLine(verdict.reason);
   std::string row =

@@ -127,12 +127,15 @@ def test_only_the_missing_files_are_sent_again_under_the_names_of_the_job(make_l
 
 
 def test_an_interrupted_repair_leaves_nothing_behind(make_lab):
-    site = prepared(make_lab, 1, absent=["h2"], count=20, big=(200 << 20,))
+    site = prepared(make_lab, 1, absent=["h2"], count=20)
     table(site, status=1)
+    with open(os.path.join(site.tree, "late"), "wb") as late:
+        late.truncate(300 << 20)
     site.lab[2].start()
     repair = subprocess.Popen(site.sender.command(ZUL, "--home", site.sender.home, "multicast", "run", str(JOB),
                                                   "--retry-failed"), stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
-    eventually(lambda: os.path.isdir(site.arrived(site.lab[2], site.tree)), 20, "files arrive")
+    record = site.sender.path("var", "tape", "jobids", f"replicate.{1900000000 + JOB}.stat.progress")
+    eventually(lambda: os.path.exists(record), 20, "the replication has begun")
     os.kill(repair.pid, signal.SIGINT)
     output = repair.communicate(timeout=30)[0]
     assert repair.returncode == 1 and "interrupted" in output, output
