@@ -114,6 +114,8 @@ def test_a_job_is_printed_in_its_order_and_without_its_protocol(outside):
     ("FilePerms: 0644\n", NOTHING + printed(FilePerms=644)),
     ("Speed: 7\nSpeed:\nSpeed:  \n", NOTHING + printed(Speed=7)),
     ("Speed: 1\nSpeed: 2\nUserID: -5\n", NOTHING + printed(Speed=2, UserID=-5)),
+    ("Speed: 99999999999999999999\nUserID: -99999999999999999999\n", NOTHING + printed(Speed=-1)),
+    ("Request: /r\n" * 257, NOTHING + printed() + "Request: /r\n" * 257),
     ("Speed: 4294967298\nIDnum: 12 monkeys\nGroupID: none\n", NOTHING + printed(Speed=2, IDnum=12)),
     ("Host: b\nHost: a\nHost: b\n", NOTHING + printed() + "Host: b\nHost: a\nHost: b\n"),
     (" Host: a\nhost: b\nHost : c\nHosts: d\n# Host: e\n#\nx\n\nHost:f", NOTHING + printed() + "Host: f\n"),

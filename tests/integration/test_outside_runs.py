@@ -203,6 +203,20 @@ def test_without_its_log_a_run_ends(outside, logs):
     assert (said.status, said.err) == (255, "ERROR:  Cannot open ZULd log file\n")
 
 
+def test_without_descriptors_no_socket_is_made(outside):
+    """The first free descriptor is taken, and then no more are allowed."""
+    free = outside.run([["int dup", 0]]).result
+    limit = outside.write("tmp/limit", struct.pack("<2Q", free + 1, free + 1))
+    said = outside.run([["memory", "a", 16], ["memory", "limit", 16], ["poke", "limit", 0, limit], ["memory", "n", 16],
+                        ["set", "dlvl", 5], ["int dup", 0], ["int setrlimit", 7, Memory("limit")],
+                        ["int mkUDPSenderSocket", 1, "127.0.0.1", Memory("a")],
+                        ["int mkUDPListenerSocket", 0, Memory("a")],
+                        ["int mkMulticListener", 1, GROUP, Memory("a")], ["int getIfName", Memory("n")]])
+    assert [said.result_of(at) for at in range(6)] == [free, 0, -2, -1, -1, -1]
+    assert said.err == "WARNING:  Unable to open socket!\n"
+    assert said.hostlog == "ERROR:  mkUDPListenerSocket:  Unable to open socket!\n"
+
+
 def test_a_segment_and_a_request_go_out_as_they_are(outside):
     slot = os.urandom(12) + segment(1 << 32 | 2, b"abc")
     with udp("127.0.0.1") as ear, udp() as out:
@@ -410,9 +424,50 @@ def test_a_busy_request_port_ends_the_start_of_a_sender(outside, logs, wire):
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as taken:
         taken.bind(("0.0.0.0", REQUEST_PORT))
         said = outside.run([["memory", "job", 144], ["int readMreplJobData", Memory("job"), 5],
-                            ["int repServStart", Memory("job")]], inside=logs.words)
-    assert (said.result, said.err) == (-2, "ERROR: Failed to get listener socket. retval = -2, errno = 98\n")
+                            ["int repServStart", Memory("job")], ["get", "dlvl"]], inside=logs.words)
+    assert said.results[1:] == ["repServStart -2", "dlvl 1911"]
+    assert said.err == "ERROR: Failed to get listener socket. retval = -2, errno = 98\n"
     assert logs.areas() == []
+
+
+def test_a_sender_without_a_second_socket_does_not_start(outside, logs):
+    job = [["memory", "job", 144], ["int readMreplJobData", Memory("job"), 5]]
+    put_job(outside, 5, "Request: /etc\n")
+    free = outside.run([*job, ["int dup", 0], ["int dup", 0]], inside=logs.words).result
+    # Room for the log and for the first socket.
+    limit = outside.write("tmp/limit", struct.pack("<2Q", free + 2, free + 2))
+    said = outside.run([*job, ["memory", "limit", 16], ["poke", "limit", 0, limit], ["int dup", 0],
+                        ["int setrlimit", 7, Memory("limit")], ["int repServStart", Memory("job")]], inside=logs.words)
+    assert said.result == -3
+    assert said.err == ("WARNING:  Unable to open socket!\n"
+                        "ERROR: Failed to get sender socket. retval = -2, errno = 24\n")
+    assert logs.areas() == []
+
+
+def test_without_memory_to_share_neither_side_starts(outside, logs):
+    put_job(outside, 5, "Request: /etc\n")
+    inside = [*logs.words, "sh", "-ec", 'echo 1000 >/proc/sys/kernel/shmmax; exec "$@"', "sh"]
+    said = outside.run([["memory", "job", 144], ["int readMreplJobData", Memory("job"), 5],
+                        ["int repServStart", Memory("job")], ["int repClientStart"]], inside=inside)
+    assert said.results[1:] == ["repServStart -1", "repClientStart -1"]
+    failed = "ERROR: Failed to allocate shared memory buffer.  errno = 22\n"
+    assert said.err == failed
+    assert logs.read("repClnt.log").endswith(failed)
+
+
+def test_without_an_area_no_process_of_a_run_works(outside):
+    said = outside.run([["memory", "job", 144], ["memory", "a", 16], ["int dataPacker", Memory("job")],
+                        ["int dataSender", Memory("a"), -1, Memory("a"), -1], ["int extracter"],
+                        ["int getter", -1, Memory("a"), -1, Memory("a")]])
+    assert [line.split()[1] for line in said.results] == ["-1"] * 4
+
+
+def test_a_host_may_lend_no_log(outside):
+    record = outside.write("tmp/h", head("/n", LINK, 9))
+    said = outside.run([["null", "fplog"], ["memory", "h", HEAD], ["poke", "h", 0, record], ["int mkShMem", -1],
+                        ["void logError", Memory("h"), -3], ["int readXformList", outside.path("etc/ZULsite")],
+                        ["memory", "slot", SLOT], ["int fileExtractor", Memory("slot")], ["int mreplgetjobids"]])
+    assert said.status == 0 and said.results[-2:] == ["fileExtractor -10", "mreplgetjobids 0"]
 
 
 # --- a receiver's single steps ---
@@ -548,6 +603,25 @@ def test_devices_are_made_and_another_number_is_told(outside):
     assert stat.S_ISBLK(os.stat(outside.path("loop")).st_mode)
     text = f"NOTICE:  Failed to replicate >{null}< device file already exists with different major/minor!\n"
     assert text in said.hostlog
+
+
+def test_what_cannot_be_made_has_its_code(outside):
+    folder, device = outside.path("tmp"), outside.path("none/device")
+    said, results = fed(outside, own(FILE, folder, 1000), own(FILE, folder, 0), own(6, device, rdev=0x103),
+                        own(FOLDER, "/proc/sys"), own(FOLDER, "/proc/self/task"))
+    assert results == [-6, -6, -7, -1, -2]
+    failed = "NOTICE:  Failed to replicate "
+    texts = [line for line in said.hostlog.splitlines() if line.startswith("NOTICE")]
+    assert texts == [f"{failed}>{folder}< could not open file!"] * 2 + [
+        f"{failed}>{device}< could not make device!",
+        "NOTICE:  File >/proc/sys< replicated, but failed to set ownership.",
+        "NOTICE:  File >/proc/self/task< replicated, but failed to set permissions."]
+    limit = outside.write("tmp/limit", struct.pack("<2Q", 4096, 4096))
+    said, results = fed(outside, own(FILE, outside.path("big"), 9000), b"A" * 1024, before=[
+        ["memory", "limit", 16], ["poke", "limit", 0, limit], ["int signal", 25, 1],
+                                                                                            ["int setrlimit", 1, Memory("limit")]])
+    assert results[-2:] == [-5, -10]
+    assert f"{failed}>{outside.path('big')}< could not mmap file!\n" in said.hostlog
 
 
 def test_a_damaged_header_is_dumped_and_the_stream_finds_the_next(outside):
@@ -696,3 +770,30 @@ def test_a_sender_and_a_receiver_of_this_module_understand_each_other(outside, l
         assert os.stat(f"{source}/{name}").st_mode == os.stat(f"{copy}/{name}").st_mode
         assert int(os.stat(f"{source}/{name}").st_mtime) == int(os.stat(f"{copy}/{name}").st_mtime)
     assert os.readlink(f"{copy}/a/link") == "../b"
+
+
+SIZES = (0, 1, 335, 336, 337, 687, 688, 689, 1023, 1024, 1025, 4095, 4096, 4097, 20000)
+
+
+def test_a_sound_sender_and_receiver_carry_all_of_a_tree(outside, logs, wire):
+    outside.write("etc/ZULsite", "behaviour = sound\n")
+    outside.write("etc/mreplsender", HERE + "\n")
+    source, kept = outside.path("source"), outside.path("source/kept")
+    for size in SIZES:
+        outside.write(f"source/f{size}", pattern(size))
+    outside.write("source/kept", "secret")
+    os.symlink("t" * 300, outside.path("source/link"))
+    put_job(outside, -99, f"Host: {HERE}\nRequest: {source}/\nExclude: {kept}\nXform: {source} /moved\n"
+            f"Prefix: {outside.path('copy')}\n" + KEEP_ALL)
+    receiver = logs.start(outside, [["int mreplicate", "mrepclnt 1234567890"]])
+    eventually(lambda: outside_err(receiver) == "TRANSFER OK\n", 20, "a receiver that is ready")
+    sender = outside.finish(logs.start(outside, [["int mreplicate", "replicate -99"]]), 40)
+    assert outside.finish(receiver, 30).result == 0
+    assert sender.result == 0 and f"INFO:  Receiver {HERE}: complete\n" in sender.err
+    copy = outside.path("copy/moved")
+    assert sorted(os.listdir(copy)) == sorted(["link", *(f"f{size}" for size in SIZES)])
+    for size in SIZES:
+        assert outside.read(f"copy/moved/f{size}") == pattern(size), size
+        one, two = os.stat(f"{source}/f{size}"), os.stat(f"{copy}/f{size}")
+        assert (one.st_mode, int(one.st_mtime)) == (two.st_mode, int(two.st_mtime)), size
+    assert os.readlink(f"{copy}/link") == "t" * 300
