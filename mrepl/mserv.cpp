@@ -192,25 +192,36 @@ void rest(Pass *pass, const mrepl::Moment &now) {
   poll(&ready, 1, 1);
 }
 
-// What was asked for, oldest first, then new segments. Returns how many of them are new.
-int gather(int most, const mrepl::Moment &now) {
-  msendctrl *ctrl = sending.ctrl;
-  mrepl::Number lastSent = mrepl::lastSentOf(*ctrl);
+// Slots to be sent again, oldest first.
+void gatherAgain(int most, const mrepl::Moment &now) {
   mrepl::Burst &burst = sending.burst;
-  burst.clear();
-  mrepl::Number wanted = mrepl::freeTillOf(*ctrl);
+  mrepl::Number lastSent = mrepl::lastSentOf(*sending.ctrl);
+  mrepl::Number wanted = mrepl::freeTillOf(*sending.ctrl);
   while (burst.count() < most) {
     wanted = sending.wanted.next(sending.ring, wanted + 1, lastSent);
-    if (wanted > lastSent) break;
+    if (wanted > lastSent) return;
     if (mrepl::debugging()) base::print(fplog, "DEBUG:  Resending seg=%i\n", mrepl::lowOf(wanted));
-    burst.add(&mrepl::sendSlot(sending.ring, wanted));
-    mrepl::prepareAgain(burst.at(burst.count() - 1), *ctrl, now);
+    mslot &slot = mrepl::sendSlot(sending.ring, wanted);
+    mrepl::prepareAgain(slot, *sending.ctrl, now);
+    burst.add(&slot);
   }
+}
+
+// What was asked for, then new segments. Returns how many of them are new.
+int gather(int most, const mrepl::Moment &now) {
+  const msendctrl &ctrl = *sending.ctrl;
+  mrepl::Burst &burst = sending.burst;
+  mrepl::Number next = mrepl::lastSentOf(ctrl) + 1;
+  mrepl::Number ready = mrepl::readyTill(ctrl);
+  burst.clear();
+  // A quarter is kept for new ones: a host that asks for everything all the time must not stop the
+  // run.
+  gatherAgain(next < ready ? most - most / 4 : most, now);
   int again = burst.count();
-  mrepl::Number ready = mrepl::readyTill(*ctrl);
-  for (mrepl::Number next = lastSent + 1; burst.count() < most && next < ready; next++) {
-    burst.add(&mrepl::sendSlot(sending.ring, next));
-    mrepl::prepareNew(burst.at(burst.count() - 1), *ctrl, next, now);
+  for (; burst.count() < most && next < ready; next++) {
+    mslot &slot = mrepl::sendSlot(sending.ring, next);
+    mrepl::prepareNew(slot, ctrl, next, now);
+    burst.add(&slot);
   }
   return burst.count() - again;
 }
@@ -233,7 +244,8 @@ void sendBurst(Pass *pass) {
   msendctrl *ctrl = sending.ctrl;
   mrepl::Moment now = mrepl::momentNow();
   mrepl::Pace &pace = sending.pace;
-  bool reporting = sending.receivers.waiting() && sending.strangerMs == 0;
+  bool strangers = sending.strangerMs != 0 && pass->lookedMs - sending.strangerMs < kQuietMs;
+  bool reporting = sending.receivers.waiting() && !strangers;
   pace.adapt(&sending.receivers, microsOf(now));
   pace.guess(reporting, ctrl->waitTime);
   int64_t ahead = pace.ahead(microsOf(now));

@@ -54,6 +54,12 @@ bool Receivers::admits(uint32_t address) const {
   return expected_ == 0;
 }
 
+bool Receivers::joinedFrom(uint32_t address) const {
+  for (int at = 0; at < count_; at++)
+    if (list_[at].joined && list_[at].address.sin_addr.s_addr == address) return true;
+  return false;
+}
+
 Receiver *Receivers::find(const sockaddr_in &from) {
   for (int at = 0; at < count_; at++) {
     Receiver &known = list_[at];
@@ -70,6 +76,7 @@ Receiver *Receivers::heard(const sockaddr_in &from, long long nowMs) {
     if (count_ == kMost) return nullptr;
     known = &list_[count_++];
     *known = Receiver{};
+    inet_ntop(AF_INET, &from.sin_addr, known->name, sizeof known->name);
     known->extracted = 1;
     known->state = ReceiverState::expected;
   }

@@ -17,7 +17,7 @@ namespace mrepl {
 enum class ReceiverState { expected, served, complete, lost };
 
 struct Receiver {
-  char name[64];  // as in the job; empty when it came unasked
+  char name[64];  // as in the job; the address when it came unasked
   sockaddr_in address;
   ReceiverState state;
   bool joined;       // it has reported
@@ -36,6 +36,8 @@ class Receivers {
   void expect(const char *name, uint32_t address, long long nowMs);
   // Whether requests from there are for us to answer: where the hosts of the job are known, theirs.
   bool admits(uint32_t address) const;
+  // Whether a receiver there has reported.
+  bool joinedFrom(uint32_t address) const;
   // A receiver that says it lives, and one that needs nothing before a segment. Null when there is
   // no room for one more.
   Receiver *heard(const sockaddr_in &from, long long nowMs);

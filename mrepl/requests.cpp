@@ -97,6 +97,9 @@ void takeSound(Asked asked, const sockaddr_in &from) {
   if (asked.run != (runWord & kRunMask) || runWord == 0) {
     // The count of an installed receiver has nothing there; what is left asks for another run.
     if (asked.run != 0 && asked.count != UINT32_MAX) return;
+    // Nor is one that asks beside a receiver that reports: it would slow the run down, and hold up
+    // its end.
+    if (sending.receivers.joinedFrom(from.sin_addr.s_addr)) return;
     sending.strangerMs = nowMs;
     return answerSound(asked, from, nullptr);
   }

@@ -13,8 +13,7 @@ namespace {
 
 constexpr int kShortestWait = 48;
 constexpr uint32_t kKeptBehind = MR_SEND_SLOTS / 2 - 1;
-// A sound run does not slow down further than a request can tell: receivers that were stopped ask
-// after seconds.
+// Older times tell a sound run nothing: of receivers that were stopped, or of none of ours.
 constexpr int32_t kLongestTrip = 1000000;
 // The clock of the segments tells ages below 255 seconds only; what should become older than that
 // would never be freed, and the run would stand still with a full ring.
@@ -68,7 +67,7 @@ Number Wanted::next(mslot *ring, Number first, Number last) {
 
 void adaptPace(msendctrl *ctrl, int32_t trip) {
   bool sound = soundRun();
-  if (sound && trip > kLongestTrip) trip = kLongestTrip;
+  if (sound && trip > kLongestTrip) return;
   ctrl->lastRtt = trip;
   if (trip > ctrl->maxRtt) ctrl->maxRtt = trip;
   int64_t smoothed = ctrl->smoothedRtt;

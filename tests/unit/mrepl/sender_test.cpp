@@ -1,5 +1,6 @@
 // Single segments sent, sent again and freed; requests; whole runs of a data sender.
 #include <arpa/inet.h>
+#include <signal.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -100,7 +101,10 @@ TEST_F(Sender, ARequestOfAReceiverThatWasStoppedDoesNotStopASoundRun) {
   EXPECT_EQ(ctrl->waitTime, 97656);
   soundSite();
   ctrl->smoothedRtt = 200;
+  ctrl->waitTime = 50;
   mrepl::adaptPace(ctrl, 200000000);
+  EXPECT_EQ(ctrl->waitTime, 50) << "that tells nothing about the network";
+  mrepl::adaptPace(ctrl, 1000000);
   EXPECT_EQ(ctrl->waitTime, 488);
 }
 
@@ -393,6 +397,27 @@ TEST_F(Requests, OfThoseWhoCameTooLateAreRefused) {
   EXPECT_EQ(answer.count, 0u);
 }
 
+// A host whose receiver reports has no installed one beside it.
+TEST_F(Requests, BesideAReceiverThatReportsAreNotAnswered) {
+  soundSite();
+  mrepl::runWord = mrepl::kReports | 0x77 << 16;
+  fill(0, 100);
+  sent(99);
+  sending.receivers.begin();
+  ask(10, 3);
+  EXPECT_EQ(allWanted(), 3) << "it may be an installed receiver";
+  EXPECT_NE(sending.strangerMs, 0);
+  sending.strangerMs = 0;
+  ask(5, 0x77 << 16);
+  for (uint32_t count : {1u, 0xffffu, UINT32_MAX}) ask(20, count);
+  EXPECT_EQ(allWanted(), 3);
+  EXPECT_EQ(sending.strangerMs, 0);
+  ask(20, 0x77 << 16 | 2);
+  EXPECT_EQ(allWanted(), 5);
+  EXPECT_EQ(sending.receivers.at(0).missed, 2);
+  EXPECT_STREQ(sending.receivers.at(0).name, "127.0.0.1");
+}
+
 TEST_F(Requests, OfStrangersAreDroppedOnSoundSites) {
   soundSite();
   fill(0, 100);
@@ -552,6 +577,29 @@ TEST_F(Runs, SoundSendsWhatIsThereAndEndsWhenNobodyAsks) {
   }
   ASSERT_EQ(first.size(), 19u);
   EXPECT_EQ(mtest::number(sent.back()), 19u) << "the end is repeated";
+}
+
+// A host that asks for everything all the time gets most of what goes out, but not all of it.
+TEST_F(Runs, RequestsForEverythingDoNotKeepNewSegmentsBack) {
+  site("behaviour = sound\nmulticast.drain = 100ms\n");
+  mrepl::runWord = mrepl::kReports | 1 << 16;
+  Ear asker;
+  constexpr long long kAskingMs = 4000;
+  long long begun = base::nowMs();
+  pid_t noise = fork();
+  if (noise == 0) {
+    while (base::nowMs() - begun < kAskingMs) {
+      reqresend(mrepl::momentNow().wire(), 0, 1, 0xffff, asker.sd, &requests.address);
+      mrepl::sleepMicros(500);
+    }
+    _exit(0);
+  }
+  run(2000);
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(ctrl->lastSentLow, 1999u);
+  EXPECT_LT(base::nowMs() - begun, kAskingMs) << "it has to end while it is asked";
+  kill(noise, SIGKILL);
+  waitpid(noise, nullptr, 0);
 }
 
 TEST_F(Runs, WithoutAPackerThereIsNone) {
