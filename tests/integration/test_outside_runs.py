@@ -617,9 +617,9 @@ def test_what_cannot_be_made_has_its_code(outside):
         "NOTICE:  File >/proc/sys< replicated, but failed to set ownership.",
         "NOTICE:  File >/proc/self/task< replicated, but failed to set permissions."]
     limit = outside.write("tmp/limit", struct.pack("<2Q", 4096, 4096))
-    said, results = fed(outside, own(FILE, outside.path("big"), 9000), b"A" * 1024, before=[
-        ["memory", "limit", 16], ["poke", "limit", 0, limit], ["int signal", 25, 1],
-                                                                                            ["int setrlimit", 1, Memory("limit")]])
+    small = [["memory", "limit", 16], ["poke", "limit", 0, limit], ["int signal", 25, 1],
+             ["int setrlimit", 1, Memory("limit")]]
+    said, results = fed(outside, own(FILE, outside.path("big"), 9000), b"A" * 1024, before=small)
     assert results[-2:] == [-5, -10]
     assert f"{failed}>{outside.path('big')}< could not mmap file!\n" in said.hostlog
 
