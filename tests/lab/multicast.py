@@ -9,9 +9,10 @@ import os
 import random
 import subprocess
 
-from lab import ZUL, eventually
+from lab import ZUL, eventually, run
 
 KEEP_ALL = 4096 + 8192 + 16384
+EXTRA_SEGMENTS = 2 + 1 + 9  # of what make_files adds: two links, a file of nine blocks
 
 
 class Site:
@@ -30,31 +31,41 @@ class Site:
         for host in self.lab.hosts:
             host.start()
 
-    def define(self, job, requests, hosts=None, lines=()):
+    def define(self, job, requests, hosts=None, lines=(), sender=None):
         text = [f"Prefix: {self.prefix}", f"FilePerms: {KEEP_ALL + 32768}", f"DirPerms: {KEEP_ALL}",
                 *(f"Request: {path}" for path in requests),
                 *(f"Host: {host.name}" for host in (self.receivers if hosts is None else hosts)), *lines]
-        with open(self.sender.path("var", "tape", "mrepljobs", f"mrepjob.{job}"), "w") as out:
+        with open((sender or self.sender).path("var", "tape", "mrepljobs", f"mrepjob.{job}"), "w") as out:
             out.write("\n".join(text) + "\n")
+
+    def cut(self):
+        """What the sender's kernel hands on in one piece crosses the links as single datagrams, as between machines."""
+        for number, host in enumerate(self.lab.hosts, 1):
+            run("ip", "-n", host.namespace, "link", "set", "eth0", "gso_max_segs", "1")
+            run("ip", "-n", self.lab.switch, "link", "set", f"p{number}", "gso_max_segs", "1")
 
     def lose(self, percent):
         """Every host drops datagrams that reach it, each on its own; 0 stops that."""
+        self.cut()
+        self.drop(f"numgen random mod 10000 < {int(percent * 100)}" if percent else "")
+
+    def drop(self, which):
+        """Every host drops the datagrams that nft's words describe."""
         for host in self.lab.hosts:
             host.run("nft", "flush", "ruleset")
-            if percent:
+            if which:
                 rules = ("table inet loss {\nchain in {\ntype filter hook input priority 0; policy accept;\n"
-                         f'iifname "eth0" meta l4proto udp numgen random mod 10000 < {int(percent * 100)} '
-                         "counter drop\n}\n}\n")
+                         f'iifname "eth0" meta l4proto udp {which} counter drop\n}}\n}}\n')
                 host.run("nft", "-f", "-", input=rules)
 
     def run(self, job, timeout=300):
         """The whole run in the foreground; what the operator sees."""
         return self.sender.zul("request", f"MREPL replicate {job}", check=False, timeout=timeout)
 
-    def begin(self, job):
+    def begin(self, job, sender=None):
         """The run in the background."""
-        return subprocess.Popen(self.sender.command(ZUL, "--home", self.sender.home, "request",
-                                                    f"MREPL replicate {job}"),
+        host = sender or self.sender
+        return subprocess.Popen(host.command(ZUL, "--home", host.home, "request", f"MREPL replicate {job}"),
                                 stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
 
     def arrived(self, host, path):
@@ -100,8 +111,9 @@ def make_files(folder, seed, count, biggest=3000, big=()):
     # Content that looks like a header of another file is content.
     with open(os.path.join(folder, "trap"), "wb") as out:
         out.write((b"dEhF" + b"/etc/zul-trap".ljust(256, b"\0") + b"\0\0\0\x01").ljust(1024, b"\0") * 9)
-    os.chmod(os.path.join(folder, "d0", "f0"), 0o4751)
-    os.chmod(os.path.join(folder, "d1"), 0o700)
+    if count > 7:
+        os.chmod(os.path.join(folder, "d0", "f0"), 0o4751)
+        os.chmod(os.path.join(folder, "d1"), 0o700)
 
 
 def difference(one, two):

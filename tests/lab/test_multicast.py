@@ -1,4 +1,6 @@
 """Multicast runs from one host to several."""
+import glob
+import json
 import os
 import re
 import signal
@@ -9,17 +11,21 @@ import time
 import pytest
 
 from jobs import nothing_left
-from lab import ZUL, eventually
-from multicast import Site, difference, make_files, receivers_on
+from lab import ZUL, eventually, run
+from multicast import EXTRA_SEGMENTS, Site, difference, make_files, receivers_on
 
 
-def prepared(make_lab, receivers, behaviour="sound", patience="3s", **files):
+# Segments a second at which a run lasts long enough for something to happen in it: 8 MB/s.
+SLOWLY = "Speed: 8000"
+
+
+def prepared(make_lab, receivers, behaviour="sound", patience="3s", lines=(), **files):
     site = Site(make_lab(receivers + 1, behaviour))
     site.tree = site.sender.tree
     make_files(site.tree, 5, **files)
     site.sender.settings(f"multicast.patience = {patience}")
     site.start()
-    site.define(3, [site.tree + "/"])
+    site.define(3, [site.tree + "/"], lines=lines)
     return site
 
 
@@ -51,6 +57,58 @@ def test_a_large_tree_reaches_many_receivers_over_a_bad_network(make_lab, receiv
     assert "incomplete" not in done.stdout + done.stderr
     everything_arrived(site)
     nothing_left(site.lab.hosts)
+    for host in site.receivers:
+        host.run("sh", "-c", f"rm -rf {site.prefix}/*")
+
+
+# Counted from the first segment that is sent, and to the end: the loss of their first transmission.
+@pytest.mark.parametrize("lost", ["the first", "the last sixteen", "the end records", "every third"])
+def test_segments_lost_where_it_hurts_come_again(make_lab, lost):
+    site = prepared(make_lab, 2, count=0, big=(100 << 10,))
+    # Segment 0, the directories down to the tree, the tree, 100 blocks behind a header, what make_files adds, the end.
+    count = 1 + site.tree.count("/") + 101 + EXTRA_SEGMENTS + 2
+    which = {"the first": "== 1", "the last sixteen": f">= {count - 16}", "the end records": f">= {count - 2}",
+             "every third": "and 3 == 2"}[lost]
+    number, first = "@th,160,32", "@th,288,32 0x53654e64"
+    site.cut()
+    site.drop(f"udp dport 2345 {first} {number} {which}")
+    done = site.run(3)
+    assert "incomplete" not in done.stdout + done.stderr and "never" not in done.stdout + done.stderr
+    everything_arrived(site)
+    dropped = int(re.search(r"packets (\d+)", site.receivers[0].run("nft", "list", "ruleset").stdout)[1])
+    assert dropped == {"the first": 1, "the last sixteen": 16, "the end records": 2}.get(lost, dropped) > 0
+    nothing_left(site.lab.hosts)
+
+
+def test_bursts_of_loss_are_repaired(make_lab):
+    site = prepared(make_lab, 3, count=200, big=(16 << 20,))
+    site.cut()
+    # A thousand datagrams pass, the next hundred do not: an interface that is gone for a moment.
+    site.drop("numgen inc mod 1100 < 100")
+    done = site.run(3)
+    assert "incomplete" not in done.stdout + done.stderr
+    everything_arrived(site)
+    nothing_left(site.lab.hosts)
+
+
+def sent_bytes(host):
+    link = json.loads(host.run("ip", "-j", "-s", "link", "show", "eth0").stdout)
+    return link[0]["stats64"]["tx"]["bytes"]
+
+
+def test_a_receiver_behind_a_narrow_link_sets_the_pace(make_lab):
+    site = prepared(make_lab, 3, count=50, big=(10 << 20,))
+    site.cut()
+    # Its link carries 5 MB/s and holds 60 datagrams; what is more is lost on the way, and the sender's own link is free.
+    run("ip", "netns", "exec", site.lab.switch, "tc", "qdisc", "add", "dev", "p2", "root", "tbf", "rate", "40mbit",
+        "burst", "8k", "limit", "65536")
+    before = sent_bytes(site.sender)
+    done = site.run(3, timeout=60)
+    assert "incomplete" not in done.stdout + done.stderr
+    everything_arrived(site)
+    # A sender that does not listen sends everything ten times over.
+    assert sent_bytes(site.sender) - before < 2.5 * (10 << 20)
+    nothing_left(site.lab.hosts)
 
 
 def started(site, job=3):
@@ -62,7 +120,7 @@ def started(site, job=3):
 
 
 def test_a_receiver_killed_midway_is_named_and_holds_up_nobody(make_lab):
-    site = prepared(make_lab, 3, count=100, big=(60 << 20,))
+    site = prepared(make_lab, 3, count=100, lines=[SLOWLY], big=(30 << 20,))
     run = started(site)
     victim, *others = site.receivers
     victim.kill(*receivers_on(victim))
@@ -76,7 +134,7 @@ def test_a_receiver_killed_midway_is_named_and_holds_up_nobody(make_lab):
 
 @pytest.mark.parametrize("process", ["getter", "extracter"])
 def test_when_one_process_of_a_receiver_is_killed_the_other_ends(make_lab, process):
-    site = prepared(make_lab, 1, count=100, big=(60 << 20,))
+    site = prepared(make_lab, 1, count=100, lines=[SLOWLY], big=(30 << 20,))
     run = started(site)
     victim = site.receivers[0]
     # The getter is the request's own process, the extracter its child.
@@ -89,7 +147,7 @@ def test_when_one_process_of_a_receiver_is_killed_the_other_ends(make_lab, proce
 
 
 def test_receivers_end_by_themselves_when_the_sender_is_killed(make_lab):
-    site = prepared(make_lab, 2, count=100, big=(60 << 20,))
+    site = prepared(make_lab, 2, count=100, lines=[SLOWLY], big=(30 << 20,))
     for host in site.receivers:
         host.settings("multicast.idle-limit = 2s")
     run = started(site)
@@ -104,7 +162,7 @@ def test_receivers_end_by_themselves_when_the_sender_is_killed(make_lab):
 
 
 def test_the_packer_killed_ends_the_run(make_lab):
-    site = prepared(make_lab, 2, count=100, big=(60 << 20,))
+    site = prepared(make_lab, 2, count=100, lines=[SLOWLY], big=(30 << 20,))
     run = started(site)
     # The request's process is the data sender, its child the packer.
     site.sender.kill(max(receivers_on(site.sender)))
@@ -116,7 +174,7 @@ def test_the_packer_killed_ends_the_run(make_lab):
 
 
 def test_a_receiver_that_stands_still_for_seconds_completes(make_lab):
-    site = prepared(make_lab, 3, patience="30s", count=100, big=(60 << 20,))
+    site = prepared(make_lab, 3, patience="30s", count=100, lines=[SLOWLY], big=(20 << 20,))
     site.lose(1)
     run = started(site)
     sleeper = site.receivers[0]
@@ -175,6 +233,75 @@ def test_a_full_disk_costs_the_files_that_do_not_fit(make_lab):
     nothing_left(site.lab.hosts)
 
 
+@pytest.mark.parametrize("receivers", ["each its own", "both the same"])
+def test_two_senders_at_once_do_not_disturb_each_other(make_lab, receivers):
+    site = Site(make_lab(4))
+    first, second = site.lab[1], site.lab[2]
+    site.receivers = hosts = site.lab.hosts[2:]
+    site.start()
+    shares = {"each its own": (hosts[:1], hosts[1:]), "both the same": (hosts, hosts)}[receivers]
+    runs = []
+    for number, (sender, share) in enumerate(zip((first, second), shares)):
+        make_files(sender.tree, 20 + number, 100, big=(10 << 20,))
+        site.define(3, [sender.tree + "/"], hosts=share, lines=[SLOWLY], sender=sender)
+        runs.append(site.begin(3, sender))
+    for one, sender, share in zip(runs, (first, second), shares):
+        output = one.communicate(timeout=60)[0]
+        for host in share:
+            assert f"Receiver {host.name}: complete" in output
+    site.wait_for_receivers()
+    for sender, share in zip((first, second), shares):
+        for host in share:
+            assert difference(sender.tree, site.arrived(host, sender.tree)) == [], (sender.name, host.name)
+    nothing_left(site.lab.hosts)
+
+
+@pytest.mark.parametrize("change", ["truncated", "deleted"])
+def test_a_file_that_changes_while_it_is_packed_costs_itself_only(make_lab, change):
+    site = prepared(make_lab, 2, count=60, big=(30 << 20,))
+    victim = os.path.join(site.tree, "big0")
+    later = site.tree + "-later"
+    make_files(later, 8, 30)
+    site.define(3, [victim, later + "/"], lines=[SLOWLY])
+    run = site.begin(3)
+    for host in site.receivers:
+        eventually(lambda: glob.glob(os.path.dirname(site.arrived(host, victim)) + "/.zulpart*"), 20,
+                   f"{host.name} receives")
+    if change == "truncated":
+        os.truncate(victim, 1 << 20)
+    else:
+        # One that is being read stays whole; one that has not been opened yet is no longer there.
+        os.unlink(victim)
+        os.unlink(os.path.join(later, "d0", "f7"))
+    output = run.communicate(timeout=60)[0]
+    site.wait_for_receivers()
+    for host in site.receivers:
+        assert difference(later, site.arrived(host, later)) == []
+        record, there = site.record(host), site.arrived(host, victim)
+        if change == "truncated":
+            assert record["state"] == "incomplete" and not os.path.exists(there), output
+            assert [os.path.normpath(failure["name"]) for failure in record["failures"]] == [site.prefix + victim]
+        else:
+            assert record["state"] == "complete", record
+            assert os.path.getsize(there) == 30 << 20
+    nothing_left(site.lab.hosts)
+
+
+def test_requests_for_everything_all_the_time_do_not_stop_a_run(make_lab):
+    site = prepared(make_lab, 2, count=200, big=(4 << 20,))
+    # A host of the job, whose requests are listened to: counts of 0 and 0xFFFFFFFF, any number and any length.
+    noise = subprocess.Popen(site.receivers[1].command(
+        sys.executable, os.path.join(os.path.dirname(__file__), "forger.py"), site.sender.address))
+    output = site.run(3, timeout=90)
+    assert noise.poll() is None, "it was there all the time"
+    noise.kill()
+    noise.wait()
+    for host in site.receivers:
+        assert f"Receiver {host.name}: complete" in output.stdout + output.stderr
+    everything_arrived(site)
+    assert not os.path.exists(site.prefix + "/tmp/zul-forged") and not os.path.exists("/tmp/zul-forged")
+
+
 def test_strangers_neither_add_to_a_run_nor_disturb_it(make_lab):
     lab = make_lab(4)
     site = Site(lab)
@@ -195,7 +322,7 @@ def test_strangers_neither_add_to_a_run_nor_disturb_it(make_lab):
 
 
 def test_a_second_run_on_the_same_host_is_refused(make_lab):
-    site = prepared(make_lab, 1, count=20, big=(40 << 20,))
+    site = prepared(make_lab, 1, count=20, lines=[SLOWLY], big=(16 << 20,))
     site.define(-99, [site.tree + "/"])
     run = started(site)
     again = site.run(-99)
@@ -205,7 +332,7 @@ def test_a_second_run_on_the_same_host_is_refused(make_lab):
 
 
 def test_an_earlier_run_does_not_disturb_the_next(make_lab):
-    site = prepared(make_lab, 2, count=50, big=(40 << 20,))
+    site = prepared(make_lab, 2, count=50, lines=[SLOWLY], big=(16 << 20,))
     run = started(site)
     site.sender.kill(*receivers_on(site.sender))
     run.communicate(timeout=30)
