@@ -5,6 +5,7 @@
 // takes too long, SIGALRM jumps back into servHandshak; see gatherer.h for what that asks of the
 // code.
 #include <errno.h>
+#include <poll.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
@@ -94,6 +95,13 @@ ssize_t readCommand(char *line) {
     base::pauseFor(base::Pause::EmptyRead);
   }
   return count < 0 ? count : 0;
+}
+
+// True while the connection stands in both directions: what failed on it then was given up for
+// silence.
+bool isStanding() {
+  pollfd asked{dialogue.sd, POLLOUT | POLLRDHUP, 0};
+  return poll(&asked, 1, 0) >= 0 && (asked.revents & (POLLERR | POLLHUP | POLLRDHUP)) == 0;
 }
 
 bool peerIsGone() {
@@ -226,8 +234,9 @@ int answerGet() {
     sent = sendFile(dialogue.repmode, dialogue.sd, source.path, dialogue.transforms);
   }
   if (sent >= 0) countSent(source);
+  if (sent != -2 || !dialogue.strict) return kGoOn;
   // Behind a file that was cut short nothing would be understood any more.
-  return sent == -2 && dialogue.strict ? kPeerLost : kGoOn;
+  return isStanding() ? kTimedOut : kPeerLost;
 }
 
 // Carries out one command. kGoOn, or how the dialogue ends.

@@ -501,6 +501,37 @@ TEST_P(SoundDriver, ASilentTargetIsGivenUp) {
   });
 }
 
+TEST_P(SoundDriver, ATargetThatStallsInAFileIsGivenUpForThat) {
+  alone([&] {
+    behave("sound", "replication.silence = 300ms\n");
+    writeFile(path("tree/large"), std::string(16 << 20, 'x'));  // more than a connection holds
+    offer({path("tree/large")});
+    defineJob({"127.0.0.2", "127.0.0.3"}, path("copy"));
+    TargetHost::Play play;
+    play.receive = [](int listening) {
+      base::Fd sd(accept(listening, nullptr, nullptr));
+      char raw[PACK_SIZE];
+      package header;
+      do {
+        writen(sd.get(), "Next\n", 5);
+        readn(sd.get(), raw, sizeof raw);
+        unpackPackage(raw, &header);
+      } while (header.type != 0);  // the folders above it come first
+      writen(sd.get(), "Get\n", 4);
+      pause();
+      return 0;
+    };
+    TargetHost stalling("127.0.0.2", path("tmp"), play);
+    TargetHost living("127.0.0.3", path("tmp"));
+    EXPECT_EQ(run("5", 5), -2);
+    EXPECT_NE(results().find("it said nothing for too long"), std::string::npos) << results();
+    EXPECT_NE(jobLog().find("Unable to handshake with 127.0.0.2.  Got error -7\n"),
+              std::string::npos)
+        << jobLog();
+    EXPECT_EQ(count(results(), "\"state\":\"done\""), 1);
+  });
+}
+
 TEST_P(SoundDriver, WhatATargetCannotMakeIsNamed) {
   alone([&] {
     mkdir((path("copy") + home).c_str(), 0755);
