@@ -1,3 +1,5 @@
+// Keeps the pace of a sound run. The data sender asks it before every call to the kernel, and tells
+// it what went out; what receivers lack stands in their list.
 #include "mrepl/pace.h"
 
 namespace mrepl {
