@@ -18,10 +18,11 @@ struct Conditions {
   uint64_t segments;
   double loss;
   double twice;
-  double late;   // a datagram is held back behind some others
-  double slow;   // the extracter does nothing in a round
-  bool window;   // the sender goes by reports, as a sound one; else it runs ahead
-  bool foreign;  // datagrams of forged numbers are mixed in
+  double late;       // a datagram is held back behind some others
+  double slow;       // the extracter does nothing in a round
+  bool window;       // the sender goes by reports, as a sound one; else it runs ahead
+  bool foreign;      // datagrams of forged numbers are mixed in
+  double burst = 0;  // everything is lost for up to a hundred datagrams
 };
 
 class Network : public mtest::ReceiverTest {
@@ -44,6 +45,7 @@ class Network : public mtest::ReceiverTest {
     limit_ = 1 + MR_RECV_SLOTS;
     ms_ = 1000;
     clock_ = 0;
+    gone_ = 0;
     inFlight_.clear();
     wanted_.clear();
   }
@@ -56,6 +58,11 @@ class Network : public mtest::ReceiverTest {
   }
 
   void transmit(uint64_t number) {
+    if (gone_ == 0 && chance(now_.burst)) gone_ = 1 + below(100);
+    if (gone_ > 0) {
+      gone_--;
+      return;
+    }
     if (chance(now_.loss)) return;
     inFlight_.push_back(number);
     if (chance(now_.twice)) inFlight_.push_back(number);
@@ -139,6 +146,7 @@ class Network : public mtest::ReceiverTest {
   uint64_t next_ = 1, extracted_ = 0, limit_ = 0;
   long long ms_ = 0;
   uint32_t clock_ = 0;
+  uint64_t gone_ = 0;
 };
 
 TEST_F(Network, AnyMixtureOfLossRepetitionAndReorderingIsRepaired) {
@@ -162,14 +170,23 @@ TEST_F(Network, RunsLongerThanTheRingAreRepaired) {
   }
 }
 
-TEST_F(Network, TheLossOfAnyOneSegmentIsRepaired) {
-  for (uint64_t lost = 1; lost < 40; lost++) {
-    begin({1, 40, 0, 0, 0, 0, true, false});
-    for (uint64_t number = 1; number < 40; number++)
-      if (number != lost) deliver(number, 'd');
-    next_ = 40;
-    int round = 0;
-    for (; extracted_ < 39 && round < 20; round++, ms_ += 5) {
+TEST_F(Network, BurstsOfLossAreRepaired) {
+  std::mt19937 dice(9);
+  for (unsigned seed = 1; seed <= 500; seed++) {
+    Conditions chosen{seed, 2 + dice() % 600, seed % 2 * 0.05, 0.1, 0.1, 0.3, true, seed % 5 == 0};
+    chosen.burst = 0.02;
+    ASSERT_GT(run(chosen), 0) << "seed " << seed << ", " << chosen.segments << " segments";
+  }
+}
+
+TEST_F(Network, TheLossOfAnyStretchIsRepaired) {
+  constexpr uint64_t kCount = 60;
+  auto repaired = [&](uint64_t from, uint64_t to) {
+    begin({1, kCount, 0, 0, 0, 0, true, false});
+    for (uint64_t number = 1; number < kCount; number++)
+      if (number < from || number > to) deliver(number, 'd');
+    next_ = kCount;
+    for (int round = 0; extracted_ < kCount - 1 && round < 20; round++, ms_ += 5) {
       send();
       std::deque<uint64_t> arriving;
       arriving.swap(inFlight_);
@@ -178,8 +195,14 @@ TEST_F(Network, TheLossOfAnyOneSegmentIsRepaired) {
       repair_.round(*ctrl, ring, ms_);
       hear();
     }
-    EXPECT_EQ(extracted_, 39u) << "segment " << lost;
-  }
+    return extracted_ == kCount - 1;
+  };
+  for (uint64_t lost = 1; lost < kCount; lost++)
+    EXPECT_TRUE(repaired(lost, lost)) << "segment " << lost;
+  EXPECT_TRUE(repaired(1, 16)) << "the first sixteen";
+  EXPECT_TRUE(repaired(kCount - 16, kCount - 1)) << "the last sixteen";
+  EXPECT_TRUE(repaired(kCount - 2, kCount - 1)) << "the end records";
+  EXPECT_TRUE(repaired(1, kCount - 1)) << "all";
 }
 
 }  // namespace
