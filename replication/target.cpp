@@ -95,6 +95,8 @@ int openMaking(char *path) {
   char empty[] = "";
   base::Fd parent(openMaking(slash ? path : empty));
   if (slash) *slash = cut;
+  // Of "a//b", a name below a prefix that ends in '/', the parent reads "a/".
+  if (*last == '\0') return parent.release();
   if (!parent || (mkdirat(parent.get(), last, 0755) != 0 && errno != EEXIST)) return -1;
   return openBeneath(path, O_RDONLY | O_DIRECTORY);
 }

@@ -1,0 +1,219 @@
+// The digest and the records of a run: what is packed and what is put together must agree.
+#include <sys/stat.h>
+#include <unistd.h>
+#include <zul/tape.h>
+
+#include "base/hash.h"
+#include "mrepl/packed.h"
+#include "mrepl/received.h"
+#include "mrepl/restoring.h"
+#include "mrepl/run.h"
+#include "mrepl/sent.h"
+#include "runsupport.h"
+
+namespace {
+
+// The value of a member of a record, as it stands there.
+std::string member(const std::string &record, const std::string &key) {
+  size_t at = record.find("\"" + key + "\":");
+  if (at == record.npos) return "none";
+  at += key.size() + 3;
+  return record.substr(at, record.find_first_of(",}\n", at) - at);
+}
+
+uint64_t hashOf(const std::string &bytes) {
+  base::Hash hash;
+  EXPECT_TRUE(hash.begin()) << "libxxhash.so.0 is wanted";
+  hash.add(bytes.data(), bytes.size());
+  return hash.value();
+}
+
+std::string eight(uint64_t value) {
+  std::string bytes;
+  for (int shift = 56; shift >= 0; shift -= 8) bytes += static_cast<char>(value >> shift);
+  return bytes;
+}
+
+// The digest written out by hand.
+struct Digest {
+  std::string bytes;
+  void add(const std::string &name, char type, uint64_t size, uint64_t content) {
+    bytes += name + '\0' + type + eight(size) + eight(content);
+  }
+  std::string text() const {
+    char text[24];
+    snprintf(text, sizeof text, "\"%016llx\"", static_cast<unsigned long long>(hashOf(bytes)));
+    return text;
+  }
+};
+
+class Records : public mtest::SenderTest {
+ protected:
+  void SetUp() override {
+    SenderTest::SetUp();
+    soundSite();
+    mrepl::runWord = mrepl::kReports | 0x1234u << 16;
+    base::storeWord(ctrl->senderState, mrepl::kRunning);
+    job.filePerms = 4096 + 8192 + 16384;
+    job.dirPerms = 4096 + 8192 + 16384;
+    prefix = path("inbox");
+    job.prefix = prefix.data();
+    mkdir(path("var/tape").c_str(), 0755);
+    mkdir(path("var/tape/mrepljobs").c_str(), 0755);
+    mkdir(path("tree").c_str(), 0755);
+  }
+  void TearDown() override {
+    mrepl::packed.end();
+    SenderTest::TearDown();
+  }
+  std::string sentRecord() { return support::readFile(path("var/tape/mrepljobs/sent.json")); }
+  std::string receivedRecord() {
+    return support::readFile(path("var/tape/mrepljobs/received.json"));
+  }
+  // Packs the tree; the sender's record.
+  std::string pack(const std::function<void()> &between = [] {}) {
+    mrepl::sent.begin(5);
+    between();
+    std::string wanted = path("tree") + "/";
+    strNode last{}, list{wanted.data(), &last};
+    job.requestList = list;
+    EXPECT_EQ(dataPacker(&job), 0);
+    setFileList(nullptr, 0);
+    receivers.begin();
+    receivers.expect("h2", 0x0100007f, 0);
+    mrepl::sent.look(receivers, 10000);
+    return sentRecord();
+  }
+  // Puts together what is packed, but for the headers of a name; the receiver's record.
+  std::string putTogether(const std::string &without = "") {
+    mrepl::received.begin();
+    mrepl::beginRestoring();
+    bool leaving = false;
+    for (uint64_t at = 1; at < mrepl::filledOf(*ctrl); at++) {
+      mslot slot = ring[at];
+      slot.seg.control = unpackul(&slot.seg.control) | 0x1234u << 16 | mrepl::kReports;
+      auto *head = reinterpret_cast<mfilehead *>(slot.seg.payload);
+      if ((slot.seg.control & mrepl::kHead) != 0)
+        leaving = !without.empty() && std::string(head->name).find(without) != std::string::npos;
+      if (!leaving) fileExtractor(&slot);
+    }
+    mrepl::endRestoring();
+    mrepl::received.finish(true);
+    return receivedRecord();
+  }
+  MreplJobData job{};
+  std::string prefix;
+  mrepl::Receivers receivers{};
+};
+
+TEST_F(Records, BothSidesMakeTheSameDigestOfATree) {
+  for (size_t length : {0, 1, 687, 688, 689, 1023, 1024, 1025, 4096, 4097, 70000})
+    support::writeFile(path("tree/f" + std::to_string(length)), std::string(length, 'x'));
+  mkdir(path("tree/d").c_str(), 0750);
+  ASSERT_EQ(symlink("nowhere", path("tree/d/link").c_str()), 0);
+  ASSERT_EQ(mkfifo(path("tree/pipe").c_str(), 0600), 0);
+  std::string sent = pack(), received = putTogether();
+  EXPECT_EQ(member(received, "state"), "\"complete\"");
+  EXPECT_EQ(member(sent, "digest").size(), 18u) << sent;
+  for (const char *key : {"digest", "files", "bytes"})
+    EXPECT_EQ(member(sent, key), member(received, key)) << key << received;
+  EXPECT_EQ(member(sent, "unsent"), "0") << "nobody wants a pipe";
+  EXPECT_EQ(member(sent, "run"), member(received, "run"));
+  EXPECT_EQ(support::readFile(path("inbox") + path("tree/f70000")), std::string(70000, 'x'));
+}
+
+TEST_F(Records, TheDigestIsTheOneThatIsDescribed) {
+  std::string large(5000, 'y'), root = path("tree");
+  support::writeFile(path("tree/f"), large);
+  Digest byHand;
+  std::string ancestors = root.substr(0, root.rfind('/'));
+  for (size_t slash = ancestors.find('/', 1);; slash = ancestors.find('/', slash + 1)) {
+    byHand.add(prefix + "/" + ancestors.substr(0, slash), 2, 0, 0);
+    if (slash == ancestors.npos) break;
+  }
+  byHand.add(prefix + "/" + root, 2, 0, 0);
+  byHand.add(prefix + "/" + root + "/f", 1, large.size(), hashOf(large));
+  EXPECT_EQ(member(pack(), "digest"), byHand.text());
+  EXPECT_EQ(member(putTogether(), "digest"), byHand.text());
+}
+
+TEST_F(Records, LinksCountWithTheirTargets) {
+  ASSERT_EQ(symlink("one", path("tree/link").c_str()), 0);
+  std::string one = member(pack(), "digest");
+  EXPECT_EQ(member(putTogether(), "digest"), one);
+  unlink(path("tree/link").c_str());
+  ASSERT_EQ(symlink("two", path("tree/link").c_str()), 0);
+  mrepl::storeNumber(ctrl->filledHigh, ctrl->filledLow, 0);
+  EXPECT_NE(member(pack(), "digest"), one);
+}
+
+TEST_F(Records, WhatIsNotThereIsMissingInTheDigest) {
+  support::writeFile(path("tree/a"), "a");
+  support::writeFile(path("tree/b"), "b");
+  std::string sent = pack(), received = putTogether("tree/a");
+  EXPECT_NE(member(received, "digest"), member(sent, "digest"));
+  EXPECT_EQ(stoi(member(sent, "files")), stoi(member(received, "files")) + 1);
+}
+
+TEST_F(Records, AFileThatCannotBeMadeIsNamedAndIsNoEntry) {
+  support::writeFile(path("tree/a"), "a");
+  support::writeFile(path("tree/b"), "b");
+  // A folder that is not empty stands in its place.
+  std::string place = path("inbox") + path("tree/a");
+  ASSERT_EQ(rmkdir((place + "/full").c_str(), 0755), 0);
+  std::string sent = pack(), received = putTogether();
+  EXPECT_EQ(member(received, "state"), "\"incomplete\"");
+  EXPECT_EQ(member(received, "failed"), "1");
+  EXPECT_NE(received.find("\n{\"name\":\"" + path("inbox")), std::string::npos)
+      << "on a line of its own: " << received;
+  EXPECT_EQ(member(received, "reachedEnd"), "true");
+  EXPECT_NE(member(received, "digest"), member(sent, "digest"));
+}
+
+TEST_F(Records, TheSenderNamesWhatItCannotSend) {
+  support::writeFile(path("tree/good"), "g");
+  std::string name(240, 'n');
+  support::writeFile(path("tree/" + name), "too long under the prefix");
+  std::string sent = pack();
+  EXPECT_EQ(member(sent, "unsent"), "1") << sent;
+  EXPECT_NE(sent.find(name + "\",\"error\":\"its name or its size does not fit"),
+            std::string::npos);
+  EXPECT_EQ(member(sent, "packed"), "true");
+  EXPECT_EQ(member(putTogether(), "digest"), member(sent, "digest"));
+}
+
+TEST_F(Records, TheSendersRecordTellsOfTheHosts) {
+  std::string sent = pack();
+  EXPECT_EQ(member(sent, "job"), "5");
+  EXPECT_EQ(member(sent, "state"), "\"running\"");
+  EXPECT_NE(sent.find("{\"host\":\"h2\",\"address\":\"127.0.0.1\",\"state\":\"waiting\""),
+            std::string::npos)
+      << sent;
+  mrepl::sent.look(receivers, 10100);
+  mrepl::sent.finish(receivers, true);
+  EXPECT_EQ(member(sentRecord(), "state"), "\"done\"");
+  EXPECT_NE(member(sentRecord(), "ended"), "0");
+}
+
+TEST_F(Records, AReceiverThatIsKilledHasSaidWhichRunItWasIn) {
+  support::writeFile(path("tree/a"), "a");
+  pack();
+  mrepl::received.begin();
+  EXPECT_EQ(member(receivedRecord(), "run"), "0");
+  mrepl::received.noteRun(0x1234u << 16);
+  EXPECT_EQ(member(receivedRecord(), "run"), std::to_string(0x1234));
+  EXPECT_EQ(member(receivedRecord(), "state"), "\"running\"");
+}
+
+TEST_F(Records, ClassicRunsKeepNone) {
+  site("");
+  mrepl::runWord = 0;
+  mrepl::sent.begin(5);
+  mrepl::sent.finish(receivers, true);
+  mrepl::received.begin();
+  mrepl::received.finish(true);
+  EXPECT_FALSE(support::exists(path("var/tape/mrepljobs/sent.json")));
+  EXPECT_FALSE(support::exists(path("var/tape/mrepljobs/received.json")));
+}
+
+}  // namespace
