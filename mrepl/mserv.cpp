@@ -20,6 +20,7 @@
 #include "base/process.h"
 #include "mrepl/packing.h"
 #include "mrepl/sending.h"
+#include "mrepl/sent.h"
 
 using mrepl::sending;
 
@@ -151,6 +152,7 @@ void look(Pass *pass) {
   if (now == pass->lookedMs) return;
   pass->lookedMs = now;
   sending.receivers.giveUp(now);
+  mrepl::sent.look(sending.receivers, now);
   if (packerGone() && base::loadWord(sending.ctrl->packerState) == mrepl::kRunning)
     standInForPacker();
 }
