@@ -116,8 +116,8 @@ def test_twenty_targets_of_which_six_have_a_bad_day(make_lab):
         large.write(os.urandom(24 << 20))
     site.define()
     # These two wait until we have found them.
-    dying.settings("pause.receiver-ready = 1h")
-    stalling.settings("pause.receiver-ready = 1h")
+    dying.settings("pause.receiver-ready = 60m")
+    stalling.settings("pause.receiver-ready = 60m")
     site.source.zul("replicate", JOB)
     most = 0
     eventually(lambda: receivers(dying), 20, "the receiver on h4")
@@ -364,8 +364,11 @@ class Sniffer:
 def test_a_classic_site_replicates_too(make_lab):
     site = Site(make_lab, 2, behaviour="classic", settings=QUICK)
     site.start()
-    site.define(conflict="always")
+    # The targets have no key: it is said, and goes on in clear.
+    site.source.zul("key", "new")
+    site.define("--encrypt", conflict="always")
     site.replicate()
+    assert site.log().count("INFO:  NO Encryption\n") == 2
     for host in site.targets:
         there, here = snapshot(site.seen(host, site.source.tree)), snapshot(site.source.tree)
         assert set(there) == set(here)
