@@ -84,6 +84,20 @@ json soundAreas() {
   return areas;
 }
 
+// For people: "3 d 4:05:06".
+std::string durationText(long long seconds) {
+  char text[64];
+  snprintf(text, sizeof text, "%lld d %lld:%02lld:%02lld", seconds / 86400, seconds / 3600 % 24,
+           seconds / 60 % 60, seconds % 60);
+  return seconds < 86400 ? strchr(text, 'd') + 2 : text;
+}
+
+std::string joined(const json &names) {
+  std::string text;
+  for (const auto &name : names) text += (text.empty() ? "" : ", ") + name.get<std::string>();
+  return text.empty() ? "no area" : text;
+}
+
 int hostStatus(Words words) {
   bool asJson = takeLast(words, "json");
   if (!words.empty()) return badUse("status [json]");
@@ -103,6 +117,9 @@ int hostStatus(Words words) {
                                    {"secret", hasSecret()},
                                    {"sound", soundAreas()}};
   if (asJson) return answerJson(status);
+  status["started"] = timeText(facts.shared->started);
+  status["uptime"] = durationText(uptime);
+  status["sound"] = joined(status["sound"]);
   std::string text;
   for (const auto &[key, value] : status.items())
     text += key + ": " + (value.is_string() ? value.get<std::string>() : value.dump()) + "\n";

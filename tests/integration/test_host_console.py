@@ -1,6 +1,7 @@
 """The console: logins over the network, requests and what surrounds them, the daemon's own words."""
 import json
 import os
+import re
 import select
 import socket
 import time
@@ -269,6 +270,9 @@ def test_following_a_file_ends_with_a_line_and_the_session_goes_on(fake_home):
 def test_status_tells_what_is_going_on(fake_home):
     with fake_home.local() as console:
         status = json.loads(console.ask("HOST status json")[0])
+        text = console.ask("HOST status")[0]
+    assert re.search(r"^started: \d{4}-\d\d-\d\d \d\d:\d\d:\d\d$", text, re.M), text
+    assert re.search(r"^uptime: 0:00:\d\d$", text, re.M) and re.search(r"^sound: no area$", text, re.M), text
     assert status["pid"] == fake_home.daemon.pid and status["home"] == fake_home.path
     assert status["port"] == 2345 and status["secret"] is True and status["sessions"] == 1
 
