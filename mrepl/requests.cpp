@@ -71,7 +71,10 @@ void answerSound(const Asked &asked, const sockaddr_in &from, Receiver *receiver
   Number freeTill = freeTillOf(*ctrl);
   Number lastSent = lastSentOf(*ctrl);
   uint32_t now = momentNow().wire();
-  if (asked.first >= filledOf(*ctrl)) return outOfBuffer(asked, filledOf(*ctrl));
+  if (asked.first >= filledOf(*ctrl)) {
+    if (debugging()) outOfBuffer(asked, filledOf(*ctrl));
+    return;
+  }
   if (asked.first <= freeTill) {
     if (debugging())
       base::print(fplog, "NOTICE:  Requested segment %i:%i is no longer there\n",

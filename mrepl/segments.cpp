@@ -67,6 +67,13 @@ bool outsideRing(const mrecvctrl &ctrl, Number number) {
   return number <= mrepl::contiguousOf(ctrl) || number >= mrepl::extractedOf(ctrl) + MR_RECV_SLOTS;
 }
 
+// What a segment that the ring does not reach tells: all before it was sent, and can be asked for
+// as far as there is room. A receiver that joins late hears nothing else.
+Number withinRing(const mrecvctrl &ctrl, Number number) {
+  Number last = mrepl::extractedOf(ctrl) + MR_RECV_SLOTS - 1;
+  return number < last ? number : last;
+}
+
 void noteArrival(mrecvctrl *ctrl, Number number, const mseg &datagram) {
   // In a sound run this is the furthest segment, up to where holes are looked for.
   if (!mrepl::soundRun() || number > mrepl::joined(ctrl->receivedHigh, ctrl->receivedLow))
@@ -95,10 +102,8 @@ int processNewSeg(int reqSd, struct sockaddr_in *senderAddr, mrecvctrl *ctrl, ms
                   mseg *datagram) {
   bool sound = mrepl::soundRun();
   Number number = mrepl::joined(unpackul(&datagram->high), unpackul(&datagram->low));
-  // Where the ring does not reach, the furthest segment is not noted either: it is not asked for
-  // before there is room for it.
   bool outside = sound && outsideRing(*ctrl, number);
-  noteArrival(ctrl, outside ? mrepl::contiguousOf(*ctrl) : number, *datagram);
+  noteArrival(ctrl, outside ? withinRing(*ctrl, number) : number, *datagram);
   mslot &slot = mrepl::recvSlot(ring, number);
   if (slot.state == 2) {
     base::print(fplog, "ERROR: Buffer overflow. segment=%i:%i\n", mrepl::highOf(number),
