@@ -52,7 +52,7 @@ void measure(Connection &connection, const std::string &number, SenderFacts *fac
 void show(const SenderFacts &sender, const std::vector<Examination> &examinations) {
   if (!sender.interface.empty())
     printOut("Sending through " + sender.interface + ", " + sender.address + ": " +
-             countText(sender.files, "file") + ", " + sizeText(sender.bytes) + "\n");
+             countText(sender.files, "file") + " and folders, " + sizeText(sender.bytes) + "\n");
   printOut(examinationText(examinations));
 }
 

@@ -74,10 +74,18 @@ class RunView {
   long long said_ = base::nowMs();
 };
 
-// What the sender prints that an operator should see at once; the table tells the rest.
-bool isNews(std::string_view line) {
-  if (line.rfind("Starting ", 0) == 0 || line.rfind("INFO:  Receiver ", 0) == 0) return false;
-  return !line.empty() && line.find("TRANSFER OK") == line.npos;
+// What the sender prints that an operator should see at once, else nothing; the table tells the
+// rest. What a host says stands behind its name, perhaps behind several times its name.
+std::string newsOf(std::string_view line) {
+  std::string_view host, rest = line;
+  for (size_t end; rest.rfind("Host[", 0) == 0 && (end = rest.find("]  ")) != rest.npos;) {
+    host = rest.substr(0, end + 3);
+    rest.remove_prefix(end + 3);
+  }
+  if (rest.empty() || rest.rfind("TRANSFER OK", 0) == 0 || rest.rfind("Starting ", 0) == 0 ||
+      rest.rfind("INFO:  Receiver ", 0) == 0)
+    return "";
+  return (rest.rfind("NOTE:", 0) == 0 ? "" : oneLine(host)) + oneLine(rest);
 }
 
 // Returns when the sender has ended; its record.
@@ -90,9 +98,10 @@ SentRecord startRun(const MulticastRunOptions &options) {
   };
   RunView view(options.json);
   LineCutter cutter([&](std::string_view line) {
-    if (!isNews(line)) return;
+    std::string news = newsOf(line);
+    if (news.empty()) return;
     view.end();
-    printErr(oneLine(line) + "\n");
+    printErr(news + "\n");
   });
   running.send("MREPL replicate " + options.number);
   for (;;) {
