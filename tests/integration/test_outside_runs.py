@@ -612,14 +612,15 @@ def test_devices_are_made_and_another_number_is_told(outside):
 def test_what_cannot_be_made_has_its_code(outside):
     folder, device = outside.path("tmp"), outside.path("none/device")
     said, results = fed(outside, own(FILE, folder, 1000), own(FILE, folder, 0), own(6, device, rdev=0x103),
-                        own(FOLDER, "/proc/sys"), own(FOLDER, "/proc/self/task"))
-    assert results == [-6, -6, -7, -1, -2]
+                        own(FOLDER, "/proc/sys"), own(FOLDER, "/proc/self/task"), own(FOLDER, "/proc/version"))
+    assert results == [-6, -6, -7, -1, -2, -3]
     failed = "NOTICE:  Failed to replicate "
     texts = [line for line in said.hostlog.splitlines() if line.startswith("NOTICE")]
     assert texts == [f"{failed}>{folder}< could not open file!"] * 2 + [
         f"{failed}>{device}< could not make device!",
         "NOTICE:  File >/proc/sys< replicated, but failed to set ownership.",
-        "NOTICE:  File >/proc/self/task< replicated, but failed to set permissions."]
+        "NOTICE:  File >/proc/self/task< replicated, but failed to set permissions.",
+        f"{failed}>/proc/version< a file with that name already exists!"]
     limit = outside.write("tmp/limit", struct.pack("<2Q", 4096, 4096))
     small = [["memory", "limit", 16], ["poke", "limit", 0, limit], ["int signal", 25, 1],
              ["int setrlimit", 1, Memory("limit")]]
