@@ -175,6 +175,14 @@ Exit removeRepJob(const RepJobOptions &options) {
   return Exit::done;
 }
 
+void expectRepJob(Connection &connection, const std::string &job) {
+  long number = strtol(job.c_str(), nullptr, 10);
+  for (const RepJob &each : storedJobs(connection))
+    if (each.number == number) return;
+  throw Failure(Exit::failed, "there is no replication job " + oneLine(job),
+                "zul repjob list shows those there are; zul repjob add makes one.");
+}
+
 Exit addTransform(const TransformOptions &options) {
   std::string pair = pairOf(options.prefix, options.replacement);
   Connection connection(options.target);

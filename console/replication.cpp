@@ -147,6 +147,7 @@ Exit runReplication(const ReplicateOptions &options) {
   FollowOptions follow;
   {
     Connection connection(options.target);
+    expectRepJob(connection, options.job);
     if (options.retryFailed) {
       only = unserved(connection, options.job);
       if (only.empty()) {

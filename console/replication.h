@@ -40,6 +40,8 @@ Exit addRepJob(const RepJobOptions &options);
 Exit changeRepJob(const RepJobOptions &options);
 Exit listRepJobs(const RepJobOptions &options);
 Exit removeRepJob(const RepJobOptions &options);
+// A Failure when there is no such job: the agent accepts every number, and says so in a log alone.
+void expectRepJob(Connection &connection, const std::string &job);
 
 struct TransformOptions {
   Target target;

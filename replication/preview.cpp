@@ -61,11 +61,14 @@ void printEntry(FILE *out, char *path, const char *root, char **transforms) {
           static_cast<unsigned long long>(header.mtime), path, root, header.filename);
 }
 
+constexpr int kTooManyTransforms = -2;
+
 int printList(FILE *out, const char *list, const reprec &job) {
   base::File lines(fopen(list, "re"));
   char *texts = static_cast<char *>(calloc(1, kTableTexts));
   char *table[kTableSlots] = {};
-  int result = lines && texts ? readTransforms(job.job, texts, table) : -1;
+  int result = lines && texts ? 0 : -1;
+  if (result == 0 && readTransforms(job.job, texts, table) != 0) result = kTooManyTransforms;
   if (result == 0) {
     reprec policy = job;
     permctrl(1, &policy);
@@ -95,9 +98,10 @@ int preview(int number) {
     if (result == 0) result = printList(out.get(), list, job);
     unlink(list);
   }
-  if (result != 0)
-    base::print(stderr, "ERROR:  The list of job# %i cannot be expanded, or not transformed\n",
-                number);
+  if (result == kTooManyTransforms)
+    base::print(stderr, "ERROR:  Job# %i has more transforms than are used\n", number);
+  else if (result != 0)
+    base::print(stderr, "ERROR:  The list of job# %i cannot be expanded\n", number);
   return result;
 }
 

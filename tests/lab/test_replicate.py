@@ -238,6 +238,34 @@ def test_transforms_and_policy_shape_what_arrives(make_lab):
                 assert oct(status.st_mode & 0o7777) == f"0o{planned['mode']}" and str(status.st_uid) == planned["owner"]
 
 
+def test_what_cannot_be_run_is_said_at_once(make_lab):
+    site = Site(make_lab, 1)
+    site.start()
+
+    def refused(*words):
+        done = site.source.zul("replicate", *words, check=False, timeout=10)
+        assert done.returncode == 1, done.stdout + done.stderr
+        return done.stdout + done.stderr
+
+    for words in ((), ("--follow",), ("--retry-failed",)):
+        assert "there is no replication job 5" in refused(JOB, *words)
+    assert "Cannot find job number 5" in refused(JOB, "--dry-run")
+    site.source.zul("repjob", "add", JOB, "--group", 3, "--to", site.destination, site.source.tree)
+    assert "there are no hosts in group 3" in refused(JOB, "--follow")
+    site.source.request("TAPE add group 3:h2:all")
+    for number in range(16):
+        site.source.zul("transform", "add", JOB, f"/from{number}", "/to")
+    for words in (("--dry-run",), ("--follow",)):
+        assert "more transforms than are used" in refused(JOB, *words)
+    assert not os.listdir(site.seen(site.targets[0]))
+    site.source.zul("transform", "remove", JOB, "/from0")
+    # A list with nothing in it is served, and everybody has all of it.
+    with open(site.source.path("var", "tape", "jobids", str(JOB)), "w"):
+        pass
+    assert "1 host done, 0 failed" in site.replicate()
+    assert not os.listdir(site.seen(site.targets[0]))
+
+
 def test_conflict_modes_meet_what_is_there(make_lab):
     site = Site(make_lab, 1)
     site.start()
