@@ -61,8 +61,8 @@ def logs(outside, tmp_path):
         started = []
 
         @classmethod
-        def start(cls, host, lines):
-            cls.started.append(host.start(lines, inside=cls.words))
+        def start(cls, host, lines, **how):
+            cls.started.append(host.start(lines, inside=cls.words, **how))
             return cls.started[-1]
 
         @staticmethod
@@ -687,9 +687,10 @@ def test_headers_are_turned_and_failures_have_their_texts(outside):
 
 # --- a whole receiver ---
 
-def start_receiver(outside, logs):
-    outside.write("etc/mreplsender", HERE + "\n")
-    started = logs.start(outside, [["int mreplicate", "mrepclnt 1234567890"]])
+def start_receiver(outside, logs, sender=HERE, **how):
+    if sender:
+        outside.write("etc/mreplsender", sender + "\n")
+    started = logs.start(outside, [["int mreplicate", "mrepclnt 1234567890"]], **how)
     eventually(lambda: outside_err(started) == "TRANSFER OK\n", 20, "a receiver that is ready")
     eventually(lambda: "DEBUG:  Getter running!\n" in logs.read("repClnt.log"), 20, "both processes run")
     return started
@@ -748,6 +749,19 @@ def test_without_loss_the_second_end_record_ends_a_receiver(outside, logs, wire)
         assert outside.finish(started, PATIENCE).result == 0
     assert outside.read("file") == pattern(1500)
     assert "Extracting 0:5" not in logs.read("repClnt.log")
+
+
+@pytest.mark.parametrize("known_by, address", [("a file", "127.0.0.7"), ("its console", "127.0.0.8"), ("segments", HERE)])
+def test_requests_go_to_the_sender_that_is_known(outside, logs, wire, known_by, address):
+    listener = socket.create_server(("127.0.0.1", 2345))
+    caller = socket.create_connection(("127.0.0.1", 2345), source_address=("127.0.0.8", 0))
+    console, _ = listener.accept()
+    with listener, caller, console, udp(group=GROUP) as out, udp(address, REQUEST_PORT) as requests:
+        how = {} if known_by == "segments" else {"stdin": console}
+        start_receiver(outside, logs, "127.0.0.7" if known_by == "a file" else None, **how)
+        for number in (1, 3):
+            out.sendto(segment(number, b"x", send_time=number, wait=1000), (GROUP, DATA_PORT))
+        assert requests.recv(100) == struct.pack(">4I", 3, 0, 2, 1)
 
 
 def test_a_receiver_without_an_interface_says_so_in_its_log(outside, logs):
