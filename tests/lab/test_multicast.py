@@ -1,4 +1,5 @@
 """Multicast runs from one host to several."""
+import contextlib
 import glob
 import json
 import os
@@ -111,11 +112,18 @@ def test_a_receiver_behind_a_narrow_link_sets_the_pace(make_lab):
     nothing_left(site.lab.hosts)
 
 
+def in_the_midst(folder):
+    """Whether a large file is being put together there, under the name that it has until then."""
+    with contextlib.suppress(FileNotFoundError):
+        return any(os.path.getsize(part) > 100000 for part in glob.glob(folder + "/.zulpart*"))
+    return False
+
+
 def started(site, job=3):
-    """A run in the background whose receivers have begun to write."""
+    """A run in the background whose receivers have begun to write the large file."""
     run = site.begin(job)
     for host in site.receivers:
-        eventually(lambda: os.path.isdir(site.arrived(host, site.tree)), 20, f"{host.name} receives")
+        eventually(lambda: in_the_midst(site.arrived(host, site.tree)), 20, f"{host.name} receives")
     return run
 
 
@@ -193,7 +201,7 @@ def test_a_receiver_that_stands_still_for_seconds_completes(make_lab):
 
 
 def test_a_receiver_that_starts_late_gets_everything(make_lab):
-    site = prepared(make_lab, 2, count=300, big=(20 << 20,))
+    site = prepared(make_lab, 2, patience="30s", count=300, big=(20 << 20,))
     site.define(-99, [site.tree + "/"])
     early, late = site.receivers
     first = begin_receiver(early)
@@ -265,8 +273,7 @@ def test_a_file_that_changes_while_it_is_packed_costs_itself_only(make_lab, chan
     site.define(3, [victim, later + "/"], lines=[SLOWLY])
     run = site.begin(3)
     for host in site.receivers:
-        eventually(lambda: glob.glob(os.path.dirname(site.arrived(host, victim)) + "/.zulpart*"), 20,
-                   f"{host.name} receives")
+        eventually(lambda: in_the_midst(os.path.dirname(site.arrived(host, victim))), 20, f"{host.name} receives")
     if change == "truncated":
         os.truncate(victim, 1 << 20)
     else:
