@@ -751,7 +751,9 @@ def test_without_loss_the_second_end_record_ends_a_receiver(outside, logs, wire)
     assert "Extracting 0:5" not in logs.read("repClnt.log")
 
 
-@pytest.mark.parametrize("known_by, address", [("a file", "127.0.0.7"), ("its console", "127.0.0.8"), ("segments", HERE)])
+@pytest.mark.parametrize("known_by, address", [
+    ("a file", "127.0.0.7"), ("its console", "127.0.0.8"), ("segments", HERE),
+])
 def test_requests_go_to_the_sender_that_is_known(outside, logs, wire, known_by, address):
     listener = socket.create_server(("127.0.0.1", 2345))
     caller = socket.create_connection(("127.0.0.1", 2345), source_address=("127.0.0.8", 0))
