@@ -87,7 +87,9 @@ _zul() {
       esac ;;
     multicast)
       case $part in
-        '') words='job' ;;
+        '') words='job run result doctor' ;;
+        run) words='--retry-failed --json' ;;
+        result | doctor) words='--json' ;;
         job) words='put get list remove --json'; [[ $before == job ]] || { mapfile -t COMPREPLY < <(compgen -W --json -f -- "$word"); return; } ;;
       esac ;;
     key)

@@ -332,7 +332,8 @@ TEST(Repair, OtherNamesAndDevicesAreNotSent) {
 // --- the doctor ---
 
 const char *kSender =
-    R"({"interface":"eth0","address":"10.0.0.1","problem":"","busy":false,"version":"0.34","sound":["multicast","receive"]})";
+    R"({"interface":"eth0","address":"10.0.0.1","problem":"","busy":false,"version":"0.34",)"
+    R"("sound":["multicast","receive"]})";
 
 std::string listener(const std::string &changes = "") {
   nlohmann::json said = nlohmann::json::parse(
