@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <set>
 #include <vector>
 
 #include "base/alarm.h"
@@ -178,6 +179,30 @@ TEST_F(EncryptedStream, TheSameTextIsNeverTheSameOnTheWire) {
   }
   EXPECT_NE(seen[0], seen[1]);
   EXPECT_NE(seen[0], seen[2]);
+}
+
+TEST_F(EncryptedStream, EveryDirectionOfEveryConnectionHasItsOwnNonces) {
+  constexpr size_t kPublicKey = 8, kHeader = 72 + 32;  // where they stand in a handshake
+  constexpr int kConnections = 10;
+  std::set<std::string> publicKeys, headers, records;
+  for (int connection = 0; connection < kConnections; connection++) {
+    scramsupport::Wire wire;
+    wire.shakeHands();
+    for (const std::string &said : {wire.nearSaid, wire.farSaid}) {
+      publicKeys.insert(said.substr(kPublicKey, 32));
+      headers.insert(said.substr(kHeader, 24));
+    }
+    // Two records in each direction: the same text four times.
+    for (int record = 0; record < 2; record++) {
+      put(wire.near(), "again");
+      put(wire.far(), "again");
+      records.insert(wire.fromNear());
+      records.insert(wire.fromFar());
+    }
+  }
+  EXPECT_EQ(publicKeys.size(), 2u * kConnections);
+  EXPECT_EQ(headers.size(), 2u * kConnections);
+  EXPECT_EQ(records.size(), 4u * kConnections);
 }
 
 // --- lines ---
