@@ -100,6 +100,11 @@ void judgeIncomplete(const ReceivedRecord &record, Verdict *verdict) {
 }
 
 void judgeComplete(const SentRecord &sent, const ReceivedRecord &record, Verdict *verdict) {
+  // The end of a run also comes when its packer has died.
+  if (!sent.packed) {
+    verdict->reason = "it has all that came, but the sender did not send everything";
+    return;
+  }
   bool comparable = !sent.digest.empty() && !record.digest.empty();
   if (comparable && (record.digest != sent.digest || record.files != sent.files)) {
     verdict->reason = "what it wrote is not what was sent: the digests differ";
@@ -280,7 +285,7 @@ Verdict judge(const SentRecord &sent, const SentRecord::Host &host, const HostAn
 bool allWell(const SentRecord &sent, const std::vector<Verdict> &verdicts) {
   bool all = std::all_of(verdicts.begin(), verdicts.end(),
                          [](const Verdict &each) { return each.complete(); });
-  return all && !verdicts.empty() && sent.state == "done" && sent.packed && sent.unsent == 0;
+  return all && !verdicts.empty() && sent.unsent == 0;
 }
 
 std::string tableText(const SentRecord &sent, const std::vector<Verdict> &verdicts) {
@@ -290,10 +295,13 @@ std::string tableText(const SentRecord &sent, const std::vector<Verdict> &verdic
                      padded("FILES", 9, true) + "  " + padded("SIZE", 10, true) + "  " +
                      padded("TIME", 7, true) + "\n";
   for (const Verdict &each : verdicts) text += rowText(each, width);
-  if (sent.state != "done" || !sent.packed)
+  bool all = std::all_of(verdicts.begin(), verdicts.end(),
+                         [](const Verdict &each) { return each.complete(); });
+  if (!all && (sent.state != "done" || !sent.packed))
     text += "The sender did not send everything: it was killed, or could not go on.\n";
   if (sent.unsent > 0) {
-    text += countText(sent.unsent, "file") + " could not be sent:\n";
+    text +=
+        countText(sent.unsent, "file") + " could not be sent; mend that and run the job again:\n";
     for (size_t at = 0; at < std::min(sent.unsentNames.size(), kMostNamed); at++)
       text += "    " + oneLine(sent.unsentNames[at].name) + ": " +
               oneLine(sent.unsentNames[at].error) + "\n";

@@ -134,7 +134,7 @@ def test_a_file_that_cannot_be_sent_is_named_and_the_run_has_failed(machine):
     name = "n" * 200
     (machine.tree / name).write_text("its name is too long under the prefix")
     done = machine.zul("multicast", "run", 5, status=1)
-    assert "1 host: 1 complete" in done.stdout and "1 file could not be sent:" in done.stdout and name in done.stdout
+    assert "1 host: 1 complete" in done.stdout and "1 file could not be sent;" in done.stdout and name in done.stdout
 
 
 def test_the_doctor_finds_this_machine_healthy_and_misses_a_route(machine):

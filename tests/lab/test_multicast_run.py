@@ -43,6 +43,17 @@ def equal_trees(site, *hosts):
         assert difference(site.tree, site.arrived(host, site.tree)) == [], host.name
 
 
+def senders_on(host):
+    """Data sender and packer; the sessions of zul live on."""
+    found = []
+    for pid in receivers_on(host):
+        with open(f"/proc/{pid}/cmdline", "rb") as line:
+            if line.read().startswith(b"ZULd: MREPL replicate"):
+                found.append(pid)
+    assert len(found) == 2
+    return found
+
+
 def nothing_temporary(site):
     """What a repair has defined is gone."""
     assert "multicast retry" not in site.sender.request("TAPE get repids", check=False)
@@ -172,3 +183,22 @@ def test_the_doctor_says_what_is_wrong_with_which_host(make_lab):
     assert bad[well.name] == {} and bad["(sender)"] == {}
     text = site.sender.zul("multicast", "doctor", JOB, check=False).stdout
     assert f"{down.name}: agent: unreachable" in text and "zul up" in text
+
+
+def test_a_sender_killed_midway_is_told_and_what_it_left_undone_repaired(make_lab):
+    site = prepared(make_lab, 2, count=60, big=(40 << 20,), lines=["Speed: 12000"])
+    for host in site.receivers:
+        host.settings("multicast.idle-limit = 1s")
+    run = subprocess.Popen(site.sender.command(ZUL, "--home", site.sender.home, "multicast", "run", str(JOB)),
+                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+    for host in site.receivers:
+        eventually(lambda: os.path.isdir(site.arrived(host, site.tree)), 20, f"{host.name} receives")
+    site.sender.kill(*senders_on(site.sender))
+    output = run.communicate(timeout=60)[0]
+    assert run.returncode == 1 and "The sender did not send everything" in output, output
+    assert "2 hosts: 2 incomplete" in output
+    found, hosts = table(site, "run", JOB, "--retry-failed")
+    assert set(states(hosts).values()) == {"complete"}
+    for host in site.receivers:
+        eventually(lambda: not receivers_on(host), 20, f"the receiver on {host.name} gives up")
+    equal_trees(site)

@@ -203,9 +203,12 @@ TEST_F(Judging, AllIsWellOnlyWhenAllWasSentAndAllHaveIt) {
   EXPECT_FALSE(allWell(other, both));
   EXPECT_TRUE(has(tableText(other, both), "1 file could not be sent"));
   other = sent;
-  other.state = "running";
-  EXPECT_FALSE(allWell(other, both));
-  EXPECT_TRUE(has(tableText(other, both), "did not send everything"));
+  other.packed = false;
+  std::vector<Verdict> early = {judge(other, other.hosts[0], gave(received("complete")))};
+  EXPECT_EQ(early[0].state, State::incomplete) << "the packer has died";
+  EXPECT_FALSE(allWell(other, early));
+  EXPECT_TRUE(has(tableText(other, early), "The sender did not send everything"));
+  EXPECT_TRUE(allWell(other, both)) << "what was repaired does not need the run any more";
   both.push_back(of("h4", {"timeout", "silence", ""}));
   EXPECT_FALSE(allWell(sent, both));
   std::string text = tableText(sent, both);
