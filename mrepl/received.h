@@ -29,15 +29,17 @@ class Received {
  private:
   void write(const char *state);
 
-  uint32_t run_;
-  time_t started_;
-  time_t ended_;
-  uint64_t files_;
-  uint64_t bytes_;
-  uint64_t failures_;
-  bool reachedEnd_;
+  // All have their values from the start: the one object of this class must need no work at load
+  // time.
+  uint32_t run_ = 0;
+  time_t started_ = 0;
+  time_t ended_ = 0;
+  uint64_t files_ = 0;
+  uint64_t bytes_ = 0;
+  uint64_t failures_ = 0;
+  bool reachedEnd_ = false;
   TreeDigest digest_;
-  FILE *list_;  // the failures as JSON objects, in a file: there may be many
+  FILE *list_ = nullptr;  // the failures as JSON objects, in a file: there may be many
 };
 
 extern Received received;
