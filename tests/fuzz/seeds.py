@@ -82,6 +82,9 @@ STORES = (b"0:lto:/dev/nst0:a:b:\n# comment\n1:v0:/dev/vtape/v0:0:0\n", b"1:alph
 NONCE = b"0123456789abcdef" * 4
 
 SEEDS = {
+    "answers": [bytes([flags]) + text for flags in (0, 3, 7) for text in
+                (b"TRANSFER OK\n" * 2, b"some text\nZuL_DoNe. 0\nZuL_DoNe. 1\n", b"ZuL>ERROR:  1\nTRANSFER O", b"a\0b\n" * 9,
+                 b"x" * 3000 + b"ZuL_DoNe. 3\n", b"y" * 1022 + b"TRANSFER OK\n")],
     "backuplist": [first + text for first in (b"\0", b"\1", b"\2", b"\3")
                    for text in (b"a/\nfile\n\n", b"a/b/\r\nlink", b"/\n", b"x" * 260 + b"\n")],
     "catalog": [b"\0" + record(), b"\2" + record() + record(6), b"\1" + record()[:9000], b"\xfe" + record()],
