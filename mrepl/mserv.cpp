@@ -1,7 +1,6 @@
 // The sending host of a multicast run: repServStart, called for "replicate", forks the packer and
 // is itself the data sender until the run is over.
 #include <errno.h>
-#include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <string.h>
@@ -18,6 +17,7 @@
 #include "base/log.h"
 #include "base/pause.h"
 #include "base/process.h"
+#include "mrepl/addresses.h"
 #include "mrepl/packing.h"
 #include "mrepl/sending.h"
 #include "mrepl/sent.h"
@@ -28,6 +28,7 @@ namespace {
 
 constexpr int kAllCategories = 1911;
 constexpr int kDrainPasses = 1024;
+constexpr int kLookUpMs = 10000;        // sound: the name of a host
 constexpr int kDrainMs = 60000;         // sound: the longest drain
 constexpr int kQuietMs = 2000;          // sound: nobody has asked for so long
 constexpr int kHeartbeatMicros = 5000;  // sound: how often the last segment is repeated
@@ -277,19 +278,13 @@ void expectHosts(const MreplJobData *job) {
   sending.receivers.begin();
   sending.strangerMs = 0;
   if (!mrepl::soundRun()) return;
-  for (const strNode *node = &job->hostList; node; node = node->next) {
+  static uint32_t addresses[mrepl::Receivers::kMost];
+  int count = mrepl::lookUpAll(&job->hostList, addresses, mrepl::Receivers::kMost, kLookUpMs);
+  int at = 0;
+  for (const strNode *node = &job->hostList; node && at < count; node = node->next) {
     if (!node->text || node->text[0] == '\0') continue;
-    addrinfo wanted{}, *found = nullptr;
-    wanted.ai_family = AF_INET;
-    uint32_t address = 0;
-    if (getaddrinfo(node->text, nullptr, &wanted, &found) == 0 && found) {
-      sockaddr_in first;
-      memcpy(&first, found->ai_addr, sizeof first);
-      address = first.sin_addr.s_addr;
-    } else {
-      base::print(fplog, "WARNING:  Receiver %s: unknown host\n", node->text);
-    }
-    if (found) freeaddrinfo(found);
+    uint32_t address = addresses[at++];
+    if (address == 0) base::print(fplog, "WARNING:  Receiver %s: unknown host\n", node->text);
     sending.receivers.expect(node->text, address, base::nowMs());
   }
 }

@@ -30,6 +30,7 @@ struct Receiver {
 class Receivers {
  public:
   static constexpr Number kUnlimited = ~Number{0};
+  static constexpr int kMost = 1024;
 
   void begin();
   // A host of the job; it has a while to join.
@@ -62,7 +63,6 @@ class Receivers {
   Receiver *find(const sockaddr_in &from);
   void recount();
 
-  static constexpr int kMost = 1024;
   int count_;
   int expected_;  // of these, hosts of the job
   bool waiting_;  // for anybody
