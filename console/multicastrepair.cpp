@@ -143,4 +143,18 @@ RepairList listOf(const MulticastJob &job, const RepairOrder &order, const Repai
   return list;
 }
 
+std::string outcomeOf(const RepResult &result) {
+  if (result.state != "done")
+    return result.reason.empty() ? "the replication failed" : result.reason;
+  return result.failed > 0 ? countText(result.failed, "file") + " could not be made" : "";
+}
+
+std::string lookedAgain(const RepResult &result, size_t entries) {
+  std::string outcome = outcomeOf(result);
+  if (outcome.empty() && result.kept + result.files < entries)
+    outcome =
+        "only " + std::to_string(result.kept) + " of " + std::to_string(entries) + " are there";
+  return outcome.empty() ? "" : "when looked at again: " + outcome;
+}
+
 }  // namespace console

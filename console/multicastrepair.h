@@ -39,4 +39,9 @@ struct RepairList {
 RepairList listOf(const MulticastJob &job, const RepairOrder &order, const RepairPass &pass,
                   const Preview &preview);
 
+// Why a host does not have what was sent to it; empty when it has.
+std::string outcomeOf(const RepResult &result);
+// The same of a second replication, which sends only what differs: all entries must be there.
+std::string lookedAgain(const RepResult &result, size_t entries);
+
 }  // namespace console

@@ -235,10 +235,37 @@ std::string pathsText(const std::vector<std::string> &paths) {
   return text;
 }
 
-std::string outcomeOf(const RepResult &result) {
-  if (result.state != "done")
-    return result.reason.empty() ? "the replication failed" : result.reason;
-  return result.failed > 0 ? countText(result.failed, "file") + " could not be made" : "";
+// Runs what is defined for these hosts, and adds how each did to what is known of it already.
+void runPass(TemporaryJob &temporary, const std::vector<std::string> &hosts,
+             const std::function<std::string(const RepResult &)> &judge, Outcomes *outcomes) {
+  Outcomes fresh;
+  std::vector<RepResult> results = temporary.run();
+  if (interrupted) throw Failure(Exit::failed, "interrupted");
+  for (const RepResult &result : results) fresh[result.host] = judge(result);
+  for (const std::string &host : hosts) {
+    auto at = fresh.find(host);
+    std::string how = at == fresh.end() ? "the replication told nothing of it" : at->second;
+    std::string &outcome = (*outcomes)[host];
+    if (outcome.empty()) outcome = how;
+  }
+}
+
+// The same once more, but only what differs from what is there: hosts that have everything keep
+// everything.
+void verify(TemporaryJob &temporary, RepairPass pass, size_t entries, Outcomes *outcomes,
+            std::vector<std::string> *remarks) {
+  std::string hosts;
+  for (const auto &[host, outcome] : *outcomes)
+    if (outcome.empty()) hosts += (hosts.empty() ? "" : ",") + host;
+  if (hosts.empty()) return;
+  pass.job.conflict = *conflictMode("if-different");
+  temporary.define(pass, hosts);
+  auto judge = [&](const RepResult &result) {
+    if (result.files > 0)
+      remarks->push_back(countText(result.files, "file") + " changed meanwhile, sent again");
+    return lookedAgain(result, entries);
+  };
+  runPass(temporary, namesIn(hosts), judge, outcomes);
 }
 
 // Sends what an order asks for to some of its hosts. The remarks are about all of them.
@@ -256,14 +283,8 @@ Outcomes sendOrder(TemporaryJob &temporary, const MulticastJob &job, const Repai
     temporary.setList(list.text);
     printErr("sending " + amountText(list.entries, std::nullopt, list.bytes) + " over TCP to " +
              hosts + "\n");
-    std::vector<RepResult> results = temporary.run();
-    if (interrupted) throw Failure(Exit::failed, "interrupted");
-    for (const RepResult &result : results) {
-      std::string &outcome = outcomes[result.host];
-      if (outcome.empty()) outcome = outcomeOf(result);
-    }
-    for (const std::string &name : namesIn(hosts))
-      if (outcomes.count(name) == 0) outcomes[name] = "the replication told nothing of it";
+    runPass(temporary, namesIn(hosts), outcomeOf, &outcomes);
+    verify(temporary, pass, list.entries, &outcomes, remarks);
   }
   return outcomes;
 }

@@ -332,6 +332,28 @@ TEST(Repair, OtherNamesAndDevicesAreNotSent) {
   EXPECT_TRUE(has(listOf(job(), whole, {}, preview).problem, "devices"));
 }
 
+TEST(Repair, IsDoneWhenTheHostSaysSoTwice) {
+  RepResult result;
+  result.host = "h2";
+  result.state = "done";
+  EXPECT_EQ(outcomeOf(result), "");
+  result.failed = 2;
+  EXPECT_EQ(outcomeOf(result), "2 files could not be made");
+  result.failed = 0;
+  result.state = "failed";
+  EXPECT_EQ(outcomeOf(result), "the replication failed");
+  result.reason = "no room";
+  EXPECT_EQ(lookedAgain(result, 3), "when looked at again: no room");
+  result.state = "done";
+  result.kept = 2;
+  EXPECT_EQ(lookedAgain(result, 3), "when looked at again: only 2 of 3 are there");
+  result.files = 1;
+  EXPECT_EQ(lookedAgain(result, 3), "") << "one had changed meanwhile";
+  result.files = 0;
+  result.kept = 7;
+  EXPECT_EQ(lookedAgain(result, 3), "") << "folders on the way count too";
+}
+
 // --- the doctor ---
 
 const char *kSender =
