@@ -137,6 +137,24 @@ def test_a_file_that_cannot_be_sent_is_named_and_the_run_has_failed(machine):
     assert "1 host: 1 complete" in done.stdout and "1 file could not be sent;" in done.stdout and name in done.stdout
 
 
+def test_thousands_of_failures_with_long_names_come_through_whole(machine):
+    machine.define()
+    machine.zul("multicast", "run", 5)
+    path = f"{machine.home}/var/tape/mrepljobs/received.json"
+    with open(path) as record:
+        told = json.load(record)
+    names = [f"/{'ä' * 100}/{number}/" + "\u20ac" * 15 for number in range(5000)]
+    told.update(state="incomplete", failed=len(names))
+    head = json.dumps({**told, "failures": []})[:-2]
+    lines = (json.dumps({"name": name, "code": -5, "error": "no room"}, ensure_ascii=False) for name in names)
+    with open(path, "w") as record:
+        record.write(head + "\n" + ",\n".join(lines) + "]}\n")
+    found = json.loads(machine.zul("multicast", "result", 5, "--json", status=1).stdout)["hosts"][0]
+    assert found["missingKnown"] and [each["name"] for each in found["missing"]] == names
+    shown = machine.zul("multicast", "result", 5, status=1).stdout
+    assert "5000 files missing: no room" in shown and "... and 4990 more" in shown
+
+
 def test_the_doctor_finds_this_machine_healthy_and_misses_a_route(machine):
     machine.define()
     assert "BAD" not in machine.zul("multicast", "doctor", 5).stdout
