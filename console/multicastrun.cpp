@@ -38,9 +38,8 @@ class RunView {
   void show(const SentRecord &sent) {
     if (silent_ || sent.state != "running") return;
     size_t complete = count(sent, "complete"), receiving = count(sent, "receiving");
-    std::string line = "packed " + countText(sent.files, "file") + ", " + sizeText(sent.bytes) +
-                       "; " + std::to_string(receiving) + " receiving, " +
-                       std::to_string(complete) + " complete of " +
+    std::string line = countText(sent.files, "file") + " packed; " + std::to_string(receiving) +
+                       " receiving, " + std::to_string(complete) + " complete of " +
                        countText(sent.hosts.size(), "host") + slowest(sent);
     if (drawn_) {
       printf("\r%s\033[K", line.c_str());
@@ -67,7 +66,8 @@ class RunView {
     const SentRecord::Host *last = nullptr;
     for (const SentRecord::Host &host : sent.hosts)
       if (host.state == "receiving" && (!last || host.segments < last->segments)) last = &host;
-    return last ? "; slowest: " + oneLine(last->host) + ", " + sizeText(last->segments * 1024) : "";
+    return last ? "; " + sizeText(last->segments * 1024) + " there, slowest " + oneLine(last->host)
+                : "";
   }
 
   bool silent_, drawn_, open_ = false;
