@@ -39,6 +39,7 @@ struct Pass {
   int drainPasses;
   long long drainSinceMs;  // 0: not draining
   long long lookedMs;      // at the packer and the receivers
+  long long refusedMs;     // sound: since when the network has taken nothing; 0: it does
 };
 
 int64_t microsOf(const mrepl::Moment &moment) {
@@ -132,7 +133,18 @@ bool draining() {
   return mrepl::filledOf(ctrl) == mrepl::lastSentOf(ctrl) + ahead;
 }
 
+// A network that is gone for good would keep the run, and its receivers, for ever.
+bool networkIsGone(const Pass &pass) {
+  if (pass.refusedMs == 0) return false;
+  int longest = base::siteLength("multicast.drain", kDrainMs);
+  if (base::nowMs() - pass.refusedMs <= longest) return false;
+  base::print(fplog, "ERROR:  Nothing could be sent for %i seconds: the run is given up\n",
+              longest / 1000);
+  return true;
+}
+
 bool runIsOver(Pass *pass) {
+  if (networkIsGone(*pass)) return true;
   if (!draining()) return false;
   return mrepl::soundRun() ? drainedSound(pass) : drainedClassic(pass);
 }
@@ -180,15 +192,35 @@ void sendOne(Pass *pass) {
 
 // --- one pass of a sound run: as many segments as may go now, in one call ---
 
+// Sends what was gathered; how much of it went out. A network that takes nothing is asked again
+// soon, not at once; the log hears of it once.
+int sendGathered(Pass *pass) {
+  int went = sending.burst.send(sending.sd, *sending.to);
+  if (went > 0) {
+    pass->refusedMs = 0;
+    return went;
+  }
+  if (pass->refusedMs == 0) {
+    base::print(fplog, "NOTICE: Failed to send segment. errno = %i\n", errno);
+    pass->refusedMs = base::nowMs();
+  }
+  base::sleepMs(1);
+  return 0;
+}
+
 // Nothing to send, or the receivers are not ready for more: they are reminded of the last segment,
 // by which they notice what they lack, and listened to.
 void rest(Pass *pass, const mrepl::Moment &now) {
   msendctrl *ctrl = sending.ctrl;
-  mrepl::expire(sending.ring, ctrl, mrepl::lastSentOf(*ctrl), now.wire());
+  mrepl::Number last = mrepl::lastSentOf(*ctrl);
+  mrepl::expire(sending.ring, ctrl, last, now.wire());
   if (microsOf(now) - microsOf(pass->previous) >= kHeartbeatMicros) {
-    mrepl::Number last = mrepl::lastSentOf(*ctrl);
-    if (last > 0)
-      mrepl::sendAgain(mrepl::sendSlot(sending.ring, last), ctrl, sending.to, sending.sd, now);
+    if (last > 0) {
+      mslot &slot = mrepl::sendSlot(sending.ring, last);
+      mrepl::prepareAgain(slot, *ctrl, now);
+      sending.burst.add(&slot);
+      sendGathered(pass);
+    }
     pass->previous = now;
   }
   pollfd ready{sending.requestSd, POLLIN, 0};
@@ -258,12 +290,7 @@ void sendBurst(Pass *pass) {
   }
   int fresh = gather(pace.allowance(microsOf(now), mrepl::Burst::kMost), now);
   if (sending.burst.count() == 0) return rest(pass, now);
-  int went = sending.burst.send(sending.sd, *sending.to);
-  if (went == 0) {
-    base::print(fplog, "NOTICE: Failed to send segment. errno = %i\n", errno);
-    // A network that takes nothing is asked again soon, not at once.
-    base::sleepMs(1);
-  }
+  int went = sendGathered(pass);
   account(went, fresh);
   pace.sent(microsOf(now), went);
   mrepl::Number last = mrepl::lastSentOf(*ctrl);

@@ -602,6 +602,40 @@ TEST_F(Runs, RequestsForEverythingDoNotKeepNewSegmentsBack) {
   waitpid(noise, nullptr, 0);
 }
 
+TEST_F(Runs, ANetworkThatTakesNothingEndsASoundRun) {
+  site("behaviour = sound\nmulticast.drain = 200ms\n");
+  mrepl::runWord = mrepl::kReports | 1 << 16;
+  base::storeWord(ctrl->packerState, mrepl::kRunning);
+  for (int at = 0; at < 50; at++) mrepl::placeSegment(ctrl, ring, mseg{});
+  sockaddr_in nowhere = ear.address;
+  nowhere.sin_addr.s_addr = INADDR_BROADCAST;  // which the socket may not send to
+  EXPECT_EQ(dataSender(&nowhere, out, nullptr, requests.sd), 0);
+  EXPECT_EQ(ctrl->lastSentLow, 0u);
+  EXPECT_EQ(hostLog(),
+            "NOTICE: Failed to send segment. errno = 13\n"
+            "ERROR:  Nothing could be sent for 0 seconds: the run is given up\n");
+}
+
+TEST_F(Runs, ANetworkThatGoesAtTheEndFillsNoLog) {
+  site("behaviour = sound\nmulticast.drain = 200ms\n");
+  mrepl::runWord = mrepl::kReports | 1 << 16;
+  base::storeWord(ctrl->packerState, mrepl::kEnded);
+  mrepl::storeNumber(ctrl->filledHigh, ctrl->filledLow, 0);
+  for (int at = 0; at < 50; at++) mrepl::placeSegment(ctrl, ring, mseg{});
+  pid_t pid = fork();
+  if (pid == 0) {
+    support::eventually([&] { return base::loadWord(ctrl->lastSentLow) == 49; });
+    connect(out, reinterpret_cast<sockaddr *>(&requests.address), sizeof requests.address);
+    shutdown(out, SHUT_WR);
+    _exit(0);
+  }
+  EXPECT_EQ(dataSender(&ear.address, out, nullptr, requests.sd), 0);
+  waitpid(pid, nullptr, 0);
+  std::string log = hostLog();
+  EXPECT_EQ(log.find("Failed to send"), log.rfind("Failed to send")) << log;
+  EXPECT_NE(log.find("Failed to send"), std::string::npos);
+}
+
 TEST_F(Runs, WithoutAPackerThereIsNone) {
   base::storeWord(ctrl->packerState, mrepl::kEnded);
   EXPECT_EQ(dataSender(&ear.address, out, nullptr, requests.sd), -1);
