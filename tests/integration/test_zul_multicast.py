@@ -8,6 +8,7 @@ import subprocess
 
 import pytest
 
+from ownnetwork import enter_own_network
 from zulsupport import zul
 
 ADDRESS = "10.9.8.7"
@@ -19,7 +20,8 @@ def ip(*words):
 
 @pytest.fixture(scope="module")
 def interface():
-    """An interface that carries multicast, in the network of this run."""
+    """An interface that carries multicast, in a network that nobody else has given interfaces and routes."""
+    enter_own_network()
     ip("link", "add", "many0", "type", "veth", "peer", "name", "many1")
     ip("addr", "add", f"{ADDRESS}/24", "dev", "many0")
     for name in ("many0", "many1"):
