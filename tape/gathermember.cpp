@@ -110,10 +110,9 @@ void Member::refuse(const char *why) {
 
 bool Member::takeName() {
   const char *said = slot_->pack.fromhost;
-  if (!named_) {
-    base::copyText(name_, sizeof name_, said);
-    named_ = true;
-  }
+  // The header of a file that vanished names nobody.
+  if (said[0] == '\0') return true;
+  if (name_[0] == '\0') base::copyText(name_, sizeof name_, said);
   return strncmp(name_, said, sizeof name_ - 1) == 0;
 }
 

@@ -47,7 +47,7 @@ class Member {
   void stop();
   // The same, because of what the host did.
   void refuse(const char *why);
-  // What the host calls itself, from its first package on; empty before.
+  // What the host calls itself, from the first package on that tells; empty before.
   const char *name() const { return name_; }
   // Takes the name in the slot's header; false when the host went by another one before.
   bool takeName();
@@ -77,7 +77,6 @@ class Member {
   bool reaped_ = false;
   int status_ = 0;
   bool torn_ = false;
-  bool named_ = false;
   char name_[64] = "";  // as long as the field of a header
   char refused_[128] = "";
   bool noted_ = false;

@@ -470,13 +470,15 @@ TEST_F(Backup, SoundAHostThatTakesTheNameOfAnotherFailsAlone) {
   loadTape();
   defineJob({"127.0.0.2", "127.0.0.3", "127.0.0.4"});
   alone([&] {
-    Client alpha("127.0.0.2", std::vector<File>{{"/a", "abc"}});
+    Client alpha("127.0.0.2", {{"/gone", "", 0, ""}, {"/a", "abc"}, {"/gone too", "", 0, ""}});
     Client beta("127.0.0.3", std::vector<File>{{"/b", "bcd", 0, "127.0.0.2"}});
     Client gamma("127.0.0.4", std::vector<File>{{"/c", "cde"}, {"/d", "def", 0, "client2"}});
     EXPECT_EQ(backup(), -993);
     EXPECT_TRUE(logged("ERROR:  Backup of 127.0.0.3 failed: it has the node name of another host"));
     EXPECT_TRUE(logged("ERROR:  Backup of 127.0.0.4 failed: it changed its name"));
+    EXPECT_TRUE(logged("3 items, at ")) << "what vanished has no name";
     EXPECT_EQ(jobtest::count(volumeList(1), "client2:0:/a\n"), 1);
+    EXPECT_EQ(jobtest::count(jobLog(), "ERROR:  Backup of "), 2);
     EXPECT_EQ(jobtest::count(volumeList(1), "/b\n") + jobtest::count(volumeList(1), "/d\n"), 0);
   });
 }
