@@ -44,7 +44,8 @@ void HomeTest::SetUp() {
 }
 
 void HomeTest::TearDown() {
-  // The module closes and replaces backuplog as it likes: only the stream it left there is ours to close.
+  // The module closes and replaces backuplog as it likes: only the stream it left there is ours to
+  // close.
   if (backuplog && backuplog != stderr) fclose(backuplog);
   backuplog = fplog = nullptr;
   status_ = nullptr;
@@ -179,7 +180,8 @@ int dial(int port) {
 }
 
 bool ownNetwork() {
-  if (unshare(CLONE_NEWNET) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0) return false;
+  constexpr int kOwn = CLONE_NEWNET | CLONE_NEWIPC;
+  if (unshare(kOwn) != 0 && unshare(CLONE_NEWUSER | kOwn) != 0) return false;
   int sd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   ifreq request{};
   strcpy(request.ifr_name, "lo");

@@ -68,8 +68,9 @@ int listenOn(int &port);
 int dial(int port);
 
 // Moves the calling process into a network namespace of its own with loopback up, so that the fixed
-// ports are free whatever else runs on the machine. False where that is not permitted; then the
-// ports are used as they are.
+// ports are free whatever else runs on the machine, and into an IPC namespace, so that the segments
+// that classic leaves behind go with it. False where that is not permitted; then the ports are used
+// as they are.
 bool ownNetwork();
 
 }  // namespace support
