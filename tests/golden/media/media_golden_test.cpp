@@ -10,66 +10,47 @@
 
 #include "drive/cartridge.h"
 #include "drive/drive.h"
+#include "goldenbytes.h"
 #include "support.h"
 
+using support::assemble;
+using support::hex;
+
 namespace {
-
-// Bytes at an offset of an otherwise zeroed record.
-struct Piece {
-  size_t offset;
-  const char *hex;
-};
-
-std::string fromHex(const char *hex) {
-  std::string bytes;
-  for (; hex[0] != '\0'; hex += hex[2] == ' ' ? 3 : 2) {
-    char digits[3] = {hex[0], hex[1], '\0'};
-    bytes += static_cast<char>(strtol(digits, nullptr, 16));
-  }
-  return bytes;
-}
-
-std::string assemble(size_t length, std::initializer_list<Piece> pieces) {
-  std::string bytes(length, '\0');
-  for (const Piece &piece : pieces) {
-    std::string part = fromHex(piece.hex);
-    bytes.replace(piece.offset, part.size(), part);
-  }
-  return bytes;
-}
 
 // Tape 258 of drive 1, labelled "Nacht-07" on host "bandhost" on 2006-07-04 12:02:08 UTC, with the
 // request "1:11:-2:0:Nacht-07".
 std::string goldenLabel() {
-  return assemble(2056, {
-                            {0, "48 65 41 64"},                            // magic "HeAd"
-                            {8, "C0 58 AA 44 00 00 00 00"},                // created 1152014528
-                            {20, "4E 61 63 68 74 2D 30 37"},               // name
-                            {276, "2F 64 65 76 2F 76 74 61 70 65 2F 67"},  // device "/dev/vtape/g"
-                            {532, "62 61 6E 64 68 6F 73 74"},              // host
-                            {580, "01 00 00 00"},                          // drive
-                            {584, "02 01 00 00"},                          // tape
-                            {588, "0B 00 00 00"},                          // field2
-                            {592, "FE FF FF FF"},                          // field3
-                        });
+  return assemble(2056,
+                  {
+                      {0, hex("48 65 41 64")},                            // magic "HeAd"
+                      {8, hex("C0 58 AA 44 00 00 00 00")},                // created 1152014528
+                      {20, hex("4E 61 63 68 74 2D 30 37")},               // name
+                      {276, hex("2F 64 65 76 2F 76 74 61 70 65 2F 67")},  // device "/dev/vtape/g"
+                      {532, hex("62 61 6E 64 68 6F 73 74")},              // host
+                      {580, hex("01 00 00 00")},                          // drive
+                      {584, hex("02 01 00 00")},                          // tape
+                      {588, hex("0B 00 00 00")},                          // field2
+                      {592, hex("FE FF FF FF")},                          // field3
+                  });
 }
 
 // Job 5 of group 258, level 1, 30 days, hosts "a,b", backup list "/etc", "/home".
 std::string goldenRecord() {
   std::string fixed =
       assemble(8200, {
-                         {0, "43 61 54 2A"},               // magic "CaT*"
-                         {8, "C0 58 AA 44 00 00 00 00"},   // created
-                         {16, "00 8D 27 00 00 00 00 00"},  // retention 2592000
-                         {32, "61 2C 62"},                 // hosts
-                         {4128, "05 00 00 00"},            // job number
-                         {4132, "02 01 00 00"},            // group number
-                         {4136, "77 6F 63 68 65"},         // volume label "woche"
-                         {4396, "01 00 00 00"},            // level
-                         {4400, "FF FF FF FF FF FF FF FF FF FF FF FF FF FF FF FF FF FF FF FF"},
+                         {0, hex("43 61 54 2A")},               // magic "CaT*"
+                         {8, hex("C0 58 AA 44 00 00 00 00")},   // created
+                         {16, hex("00 8D 27 00 00 00 00 00")},  // retention 2592000
+                         {32, hex("61 2C 62")},                 // hosts
+                         {4128, hex("05 00 00 00")},            // job number
+                         {4132, hex("02 01 00 00")},            // group number
+                         {4136, hex("77 6F 63 68 65")},         // volume label "woche"
+                         {4396, hex("01 00 00 00")},            // level
+                         {4400, hex("FF FF FF FF FF FF FF FF FF FF FF FF FF FF FF FF FF FF FF FF")},
                      });
   // 128 texts, each with its NUL.
-  return fixed + fromHex("2F 65 74 63 00 2F 68 6F 6D 65 00") + std::string(126, '\0');
+  return fixed + hex("2F 65 74 63 00 2F 68 6F 6D 65 00") + std::string(126, '\0');
 }
 
 class Golden : public support::HomeTest {

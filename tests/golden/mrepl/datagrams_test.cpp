@@ -12,31 +12,15 @@
 #include <vector>
 
 #include "base/fd.h"
+#include "goldenbytes.h"
 #include "mrepl/packing.h"
 #include "mrepl/run.h"
 #include "support.h"
 
+using support::assemble;
+using support::hex;
+
 namespace {
-
-struct Piece {
-  size_t offset;
-  std::string bytes;
-};
-
-std::string hex(const char *digits) {
-  std::string bytes;
-  for (; *digits != '\0'; digits += digits[2] == ' ' ? 3 : 2) {
-    char two[3] = {digits[0], digits[1], '\0'};
-    bytes += static_cast<char>(strtol(two, nullptr, 16));
-  }
-  return bytes;
-}
-
-std::string assemble(size_t size, std::initializer_list<Piece> pieces) {
-  std::string bytes(size, '\0');
-  for (const Piece &piece : pieces) bytes.replace(piece.offset, piece.bytes.size(), piece.bytes);
-  return bytes;
-}
 
 // The file "/tmp/zul-golden-hello" of five bytes, uid 0, gid 0, mode 4751, in segment 2.
 std::string smallFile(const char *marks) {

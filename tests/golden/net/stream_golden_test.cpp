@@ -9,71 +9,55 @@
 
 #include "base/alarm.h"
 #include "base/fd.h"
+#include "goldenbytes.h"
 #include "support.h"
+
+using support::assemble;
+using support::hex;
 
 namespace {
 
-struct Piece {
-  size_t offset;
-  std::string bytes;
-};
-
-std::string hex(const char *digits) {
-  std::string bytes;
-  for (; *digits != '\0'; digits += digits[2] == ' ' ? 3 : 2) {
-    char two[3] = {digits[0], digits[1], '\0'};
-    bytes += static_cast<char>(strtol(two, nullptr, 16));
-  }
-  return bytes;
-}
-
-std::string assemble(std::initializer_list<Piece> pieces) {
-  std::string bytes(520, '\0');
-  for (const Piece &piece : pieces) bytes.replace(piece.offset, piece.bytes.size(), piece.bytes);
-  return bytes;
-}
-
 // "/var/log/syslog" of uid 1000, gid 4, mode 100640, of 3,145,733 bytes, its fourth header.
 std::string fileHeader() {
-  return assemble({{0, hex("5a 75 4c 21 00 00 00")},
-                   {7, "/var/log/syslog"},
-                   {264, hex("00 00 03 e8")},
-                   {268, hex("00 00 00 04")},
-                   {272, hex("00 00 81 a0")},
-                   {276, hex("65 53 f1 00")},
-                   {280, hex("65 53 f1 3c")},
-                   {284, hex("00 30 00 05")},
-                   {288, hex("00 00 00 03")},
-                   {292, hex("a5 a5 a5 a5")},
-                   {296, hex("a5 a5 a5 a5")},
-                   {304, hex("03 00 00 00 a5 a5 a5 a5 a5 a5 a5 a5")},
-                   {316, "client7"}});
+  return assemble(520, {{0, hex("5a 75 4c 21 00 00 00")},
+                        {7, "/var/log/syslog"},
+                        {264, hex("00 00 03 e8")},
+                        {268, hex("00 00 00 04")},
+                        {272, hex("00 00 81 a0")},
+                        {276, hex("65 53 f1 00")},
+                        {280, hex("65 53 f1 3c")},
+                        {284, hex("00 30 00 05")},
+                        {288, hex("00 00 00 03")},
+                        {292, hex("a5 a5 a5 a5")},
+                        {296, hex("a5 a5 a5 a5")},
+                        {304, hex("03 00 00 00 a5 a5 a5 a5 a5 a5 a5 a5")},
+                        {316, "client7"}});
 }
 
 // "/dev/sda1" as a block device, number 8:1, seen by a host with the longest node name.
 std::string deviceHeader() {
-  return assemble({{0, hex("5a 75 4c 21 00 00 04")},
-                   {7, "/dev/sda1"},
-                   {268, hex("00 00 00 06")},
-                   {272, hex("00 00 61 b0")},
-                   {276, hex("00 00 00 01")},
-                   {280, hex("ff ff ff ff")},
-                   {292, hex("00 00 08 01")},
-                   {296, hex("a5 a5 a5 a5")},
-                   {308, hex("01 08 00 00 a5 a5 a5 a5")},
-                   {316, "abcdefghijklmnopqrstuvwxyz-abcdefghijklmnopqrstuvwxyz-abcdefghi"}});
+  return assemble(520, {{0, hex("5a 75 4c 21 00 00 04")},
+                        {7, "/dev/sda1"},
+                        {268, hex("00 00 00 06")},
+                        {272, hex("00 00 61 b0")},
+                        {276, hex("00 00 00 01")},
+                        {280, hex("ff ff ff ff")},
+                        {292, hex("00 00 08 01")},
+                        {296, hex("a5 a5 a5 a5")},
+                        {308, hex("01 08 00 00 a5 a5 a5 a5")},
+                        {316, "abcdefghijklmnopqrstuvwxyz-abcdefghijklmnopqrstuvwxyz-abcdefghi"}});
 }
 
 // Five gigabytes: the low word of the size in network order, the high one in the sender's.
 std::string largeHeader() {
-  return assemble({{0, hex("5a 75 4c 21 00 00 00")},
-                   {7, "/big"},
-                   {272, hex("00 00 81 80")},
-                   {284, hex("40 00 00 00")},
-                   {292, hex("a5 a5 a5 a5 a5 a5 a5 a5")},
-                   {300, hex("01 00 00 00")},
-                   {308, hex("a5 a5 a5 a5 a5 a5 a5 a5")},
-                   {316, "h"}});
+  return assemble(520, {{0, hex("5a 75 4c 21 00 00 00")},
+                        {7, "/big"},
+                        {272, hex("00 00 81 80")},
+                        {284, hex("40 00 00 00")},
+                        {292, hex("a5 a5 a5 a5 a5 a5 a5 a5")},
+                        {300, hex("01 00 00 00")},
+                        {308, hex("a5 a5 a5 a5 a5 a5 a5 a5")},
+                        {316, "h"}});
 }
 
 class StreamGolden : public support::HomeTest {

@@ -11,40 +11,30 @@
 
 #include <thread>
 
+#include "goldenbytes.h"
 #include "support.h"
+
+using support::assemble;
+using support::hex;
 
 namespace {
 
 constexpr size_t kMegabyte = 1048576;
 
-std::string hex(const char *digits) {
-  std::string bytes;
-  for (; *digits != '\0'; digits += digits[2] == ' ' ? 3 : 2) {
-    char two[3] = {digits[0], digits[1], '\0'};
-    bytes += static_cast<char>(strtol(two, nullptr, 16));
-  }
-  return bytes;
-}
-
 // A header of 2001-09-09 01:46:40 UTC, of owner 0x1234 and group 0x5678.
 std::string header(const char *host, const char *name, const char *kind, const char *mode,
                    const char *size, const char *sequence) {
-  std::string bytes(520, '\0');
-  auto put = [&](size_t offset, const std::string &piece) {
-    bytes.replace(offset, piece.size(), piece);
-  };
-  put(0, "ZuL!");
-  put(6, hex(kind));
-  put(7, name);
-  put(264, hex("00 00 12 34 00 00 56 78"));
-  put(272, hex(mode));
-  put(276, hex("3b 9a ca 00 3b 9a ca 00"));
-  put(284, hex(size));
-  put(288, hex("00 00 00") + hex(sequence));
-  put(292, hex("a5 a5 a5 a5 a5 a5 a5 a5"));
-  put(304, hex(sequence) + hex("00 00 00 a5 a5 a5 a5 a5 a5 a5 a5"));
-  put(316, host);
-  return bytes;
+  return assemble(520, {{0, "ZuL!"},
+                        {6, hex(kind)},
+                        {7, name},
+                        {264, hex("00 00 12 34 00 00 56 78")},
+                        {272, hex(mode)},
+                        {276, hex("3b 9a ca 00 3b 9a ca 00")},
+                        {284, hex(size)},
+                        {288, hex("00 00 00") + hex(sequence)},
+                        {292, hex("a5 a5 a5 a5 a5 a5 a5 a5")},
+                        {304, hex(sequence) + hex("00 00 00 a5 a5 a5 a5 a5 a5 a5 a5")},
+                        {316, host}});
 }
 
 std::string folder(const char *host, const char *name) {
@@ -76,8 +66,7 @@ std::string tapeFile() {
 }
 
 std::string endOfList() {
-  std::string bytes(520, '\0');
-  return bytes.replace(0, 4, "St0P");
+  return assemble(520, {{0, "St0P"}});
 }
 
 class Golden : public support::HomeTest {

@@ -188,17 +188,6 @@ void JobTest::loadTape(uint64_t capacity) {
   support::captureStderr([&] { ASSERT_EQ(addTape(args), 0); });
 }
 
-void JobTest::alone(const std::function<void()> &body, int limitSeconds) {
-  int status = support::inChild(
-      [&] {
-        if (!support::ownNetwork()) return 99;
-        body();
-        return HasFailure() ? 1 : 0;
-      },
-      limitSeconds);
-  EXPECT_EQ(support::exitOf(status), 0);
-}
-
 pid_t JobTest::startBackup(const std::string &level) {
   fflush(nullptr);
   pid_t pid = fork();

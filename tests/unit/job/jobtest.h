@@ -73,8 +73,6 @@ class JobTest : public support::HomeTest {
   // Drive 1 with a labelled tape 0.
   void loadTape(uint64_t capacity = 64 << 20);
 
-  // Runs body in a network of its own, in a child; its failures are this test's.
-  void alone(const std::function<void()> &body, int limitSeconds = 30);
   // goBackup("7", level) in a process of its own, as tapeBackup runs it: its result.
   int backup(const std::string &level = "0");
   // The same, started only.

@@ -17,18 +17,7 @@
 
 namespace {
 
-class Connect : public netsupport::NetTest {
- protected:
-  // Runs body with the fixed ports free; the child's failures are this test's.
-  void alone(const std::function<void()> &body) {
-    int status = support::inChild([&] {
-      if (!support::ownNetwork()) return 99;
-      body();
-      return HasFailure() ? 1 : 0;
-    });
-    EXPECT_EQ(support::exitOf(status), 0);
-  }
-};
+using Connect = netsupport::NetTest;
 
 int alarms = 0;
 void countAlarm(int) {

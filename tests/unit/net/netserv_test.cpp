@@ -35,14 +35,6 @@ class Server : public netsupport::NetTest, public testing::WithParamInterface<co
          more);
   }
   bool isSound() const { return std::string(GetParam()) == "sound"; }
-  void alone(const std::function<void()> &body) {
-    int status = support::inChild([&] {
-      if (!support::ownNetwork()) return 99;
-      body();
-      return HasFailure() ? 1 : 0;
-    });
-    EXPECT_EQ(support::exitOf(status), 0);
-  }
   std::string request() const { return path("var/tape/jobids/request.7"); }
   std::string tree;
 };

@@ -195,17 +195,6 @@ void ReplicationTest::offer(const std::vector<std::string> &paths) {
   support::writeFile(path("var/tape/jobids/5"), lines);
 }
 
-void ReplicationTest::alone(const std::function<void()> &body, int limitSeconds) {
-  int status = support::inChild(
-      [&] {
-        if (!support::ownNetwork()) return 99;
-        body();
-        return HasFailure() ? 1 : 0;
-      },
-      limitSeconds);
-  EXPECT_EQ(support::exitOf(status), 0);
-}
-
 pid_t ReplicationTest::start(const std::string &job) {
   fflush(nullptr);
   pid_t pid = fork();

@@ -62,8 +62,6 @@ class ReplicationTest : public support::HomeTest {
   // What the job's list names.
   void offer(const std::vector<std::string> &paths);
 
-  // Runs body in a network of its own, in a child; its failures are this test's.
-  void alone(const std::function<void()> &body, int limitSeconds = 30);
   // replicate(job) in a process of its own, as goReplicate runs it: its result.
   int run(const std::string &job = "5", int limitSeconds = 20);
   pid_t start(const std::string &job = "5");

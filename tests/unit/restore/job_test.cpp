@@ -16,7 +16,6 @@ using support::readFile;
 using support::writeFile;
 using tapes::blocksOf;
 using tapes::File;
-using tapes::inNetwork;
 using tapes::pattern;
 
 namespace {
@@ -134,7 +133,7 @@ TEST_F(Job, NoAgentIsNoRestore) {
     behave(behaviour);
     writeTape(blocksOf(std::vector<File>{{"h", "/f", "f"}}));
     writeFile(volumePath(), "0:h:0:/f\n");
-    inNetwork([&] {
+    alone([&] {
       EXPECT_EQ(run("0 3 1 127.0.0.1 /dest 4 0"), -1);
       EXPECT_EQ(said,
                 "Checking tape header\nBuilding restore list\n"
@@ -151,7 +150,7 @@ TEST_F(Job, NoAgentIsNoRestore) {
 }
 
 TEST_F(Job, ALoginThatIsRefusedIsTold) {
-  inNetwork([&] {
+  alone([&] {
     int console = ZUL_PORT;
     int listener = support::listenOn(console);
     support::hostPlay.loginResult = -1;
@@ -173,7 +172,7 @@ TEST_F(Job, RestoresAndTellsWhatBecameOfEveryFile) {
     // Under "sound" one wanted file is not on tape, and everything else comes all the same.
     writeFile(volumePath(), std::string("0:h:0:/d/\n0:h:0:/d/big\n0:h:1:/d/big\n0:h:2:/d/big\n") +
                                 (sound ? "0:h:0:/d/gone\n" : "") + "0:h:0:/d/small\n");
-    inNetwork([&] {
+    alone([&] {
       std::string heard;
       agent(&heard);
       EXPECT_EQ(run("0 3 1 127.0.0.1 " + path("dest") + " 4 0"), sound ? -1 : 0);

@@ -13,7 +13,6 @@ using support::readFile;
 using support::writeFile;
 using tapes::blocksOf;
 using tapes::File;
-using tapes::inNetwork;
 using tapes::pattern;
 
 namespace {
@@ -94,7 +93,7 @@ class Serve : public tapes::TapeTest {
 };
 
 TEST_F(Serve, AnEmptyListIsAnsweredByItsEnd) {
-  inNetwork([&] {
+  alone([&] {
     std::string raw;
     EXPECT_EQ(serve("", "x", [&](int sd) { EXPECT_EQ(next(sd, &raw), "end"); }), 0);
     std::string wanted(PACK_SIZE, '\0');
@@ -107,7 +106,7 @@ TEST_F(Serve, AnEmptyListIsAnsweredByItsEnd) {
 }
 
 TEST_F(Serve, TheHeaderGoesOutAsItStandsOnTapeAndTheSegmentWithoutItsPadding) {
-  inNetwork([&] {
+  alone([&] {
     std::vector<std::string> blocks = blocksOf(File{"h", "/f", pattern(1000)}, 0);
     ASSERT_EQ(blocks[1].size(), 1024u);
     blocks[0][519] = 'z';  // what stands behind the fields goes along
@@ -135,7 +134,7 @@ TEST_F(Serve, TheHeaderGoesOutAsItStandsOnTapeAndTheSegmentWithoutItsPadding) {
 }
 
 TEST_F(Serve, SizesAroundTheBlocks) {
-  inNetwork([&] {
+  alone([&] {
     std::vector<File> files;
     std::string list;
     for (size_t size : {0u, 1u, 511u, 512u, 513u, 8191u, 8192u, 8193u, 16384u, 1048575u}) {
@@ -155,7 +154,7 @@ TEST_F(Serve, SizesAroundTheBlocks) {
 }
 
 TEST_F(Serve, ALargeFileIsOneExchangeForEachSegment) {
-  inNetwork([&] {
+  alone([&] {
     File big{"h", "/big", pattern(2 * PACK_CHUNK + 10)};
     EXPECT_EQ(serve("/big\n/big\n/big\n", joined(blocksOf(std::vector<File>{big})),
                     [&](int sd) {
@@ -173,7 +172,7 @@ TEST_F(Serve, ALargeFileIsOneExchangeForEachSegment) {
 
 TEST_F(Serve, SegmentsBehindFourGigabytesAreServedUnderSound) {
   behave("sound");
-  inNetwork([&] {
+  alone([&] {
     package header = tapes::headerOf(File{"h", "/huge", ""}, 4100);
     header.size = 4100ull * PACK_CHUNK + 10;
     std::string raw(PACK_SIZE, '\0');
@@ -190,7 +189,7 @@ TEST_F(Serve, SegmentsBehindFourGigabytesAreServedUnderSound) {
 }
 
 TEST_F(Serve, NextWithoutGetPassesOverTheSegment) {
-  inNetwork([&] {
+  alone([&] {
     std::string stream =
         joined(blocksOf(std::vector<File>{{"h", "/f", pattern(20000)}, {"h", "/g", "g"}}));
     EXPECT_EQ(serve("/f\n/g\n", stream,
@@ -206,7 +205,7 @@ TEST_F(Serve, NextWithoutGetPassesOverTheSegment) {
 }
 
 TEST_F(Serve, FilesThatAreNotOnTheListArePassedOver) {
-  inNetwork([&] {
+  alone([&] {
     std::string stream = joined(
         blocksOf(std::vector<File>{{"h", "/a", pattern(9000)}, {"h", "/b", ""}, {"h", "/g", "g"}}));
     EXPECT_EQ(serve("/g\n", stream,
@@ -221,7 +220,7 @@ TEST_F(Serve, FilesThatAreNotOnTheListArePassedOver) {
 }
 
 TEST_F(Serve, LinesThatAreNoQuestionAreIgnored) {
-  inNetwork([&] {
+  alone([&] {
     std::string stream = joined(blocksOf(std::vector<File>{{"h", "/f", "f"}}));
     EXPECT_EQ(serve("/f\n", stream,
                     [&](int sd) {
@@ -237,7 +236,7 @@ TEST_F(Serve, LinesThatAreNoQuestionAreIgnored) {
 }
 
 TEST_F(Serve, ClassicEndsAtTheFirstNameThatIsNotOnTape) {
-  inNetwork([&] {
+  alone([&] {
     std::string stream = joined(blocksOf(std::vector<File>{{"h", "/a", "a"}, {"h", "/b", "b"}}));
     int result = serve("/none\n/b\n", stream, [&](int sd) { EXPECT_EQ(next(sd), "short 0"); });
     EXPECT_EQ(result, -1);
@@ -247,7 +246,7 @@ TEST_F(Serve, ClassicEndsAtTheFirstNameThatIsNotOnTape) {
 TEST_F(Serve, SoundGoesOnWithoutANameThatIsNotOnTape) {
   writeTape(blocksOf(std::vector<File>{{"h", "/a", "a"}, {"h", "/b", pattern(9000)}}));
   behave("sound");
-  inNetwork([&] {
+  alone([&] {
     EXPECT_EQ(serve("#host=h\n/none\n/b\n", "",
                     [&](int sd) {
                       EXPECT_EQ(next(sd), "/b");
@@ -263,7 +262,7 @@ TEST_F(Serve, TheSamePathOfAnotherHost) {
   writeTape(blocksOf(std::vector<File>{{"a", "/etc/x", "a"}, {"b", "/etc/x", "b"}}));
   auto first = [&](const std::string &list) {
     std::string content;
-    inNetwork([&] {
+    alone([&] {
       EXPECT_EQ(serve(list, "",
                       [&](int sd) {
                         EXPECT_EQ(next(sd), "/etc/x");
@@ -280,7 +279,7 @@ TEST_F(Serve, TheSamePathOfAnotherHost) {
 }
 
 TEST_F(Serve, ATapeThatBreaksOffWithinASegmentIsToldInClassic) {
-  inNetwork([&] {
+  alone([&] {
     std::string stream = joined(blocksOf(std::vector<File>{{"h", "/f", pattern(20000)}}));
     errno = 0;
     EXPECT_EQ(serve("/f\n", stream.substr(0, 520 + 8192),
@@ -302,7 +301,7 @@ TEST_F(Serve, ATapeThatBreaksOffWithinASegmentIsToldInClassic) {
 }
 
 TEST_F(Serve, AReceiverThatIsGoneEndsIt) {
-  inNetwork([&] {
+  alone([&] {
     EXPECT_EQ(serve("/f\n", "x", [](int) {}), -2);
     EXPECT_TRUE(saidLine("Server receive error: "));
     EXPECT_TRUE(saidLine("Buff: ><\n"));
@@ -310,7 +309,7 @@ TEST_F(Serve, AReceiverThatIsGoneEndsIt) {
 }
 
 TEST_F(Serve, AReceiverThatSaysNothingIsNotWaitedForForEver) {
-  inNetwork([&] {
+  alone([&] {
     net::timeouts.lineMs = 50;
     EXPECT_EQ(serve("/f\n", "x",
                     [](int sd) {
@@ -328,7 +327,7 @@ TEST_F(Serve, AReceiverThatClosesWithinASegmentEndsIt) {
   for (int at = 0; at < 17; at++) list += "/f\n";
   for (const char *behaviour : {"classic", "sound"}) {
     behave(behaviour);
-    inNetwork([&] {
+    alone([&] {
       EXPECT_EQ(serve(list, "",
                       [&](int sd) {
                         EXPECT_EQ(next(sd), "/f");
@@ -342,7 +341,7 @@ TEST_F(Serve, AReceiverThatClosesWithinASegmentEndsIt) {
 
 TEST_F(Serve, NoReceiverIsNoRestore) {
   site("behaviour = classic\npause.receiver-start = 0\n");
-  inNetwork([&] {
+  alone([&] {
     int tape = streamOf("x");
     writeFile(path("list"), "");
     captureStderr([&] { EXPECT_EQ(restoreServ(tape, "127.0.0.1", "", path("list").c_str()), -1); });
@@ -350,7 +349,7 @@ TEST_F(Serve, NoReceiverIsNoRestore) {
 }
 
 TEST_F(Serve, WithoutItsListItClosesTheConnection) {
-  inNetwork([&] {
+  alone([&] {
     int port = ZULSRV_PORT;
     int listener = support::listenOn(port);
     int tape = streamOf("x");
@@ -362,7 +361,7 @@ TEST_F(Serve, WithoutItsListItClosesTheConnection) {
 
 TEST_F(Serve, ClassicWaitsForTheReceiverToOpenItsPort) {
   site("behaviour = classic\npause.receiver-start = 150\n");
-  inNetwork([&] {
+  alone([&] {
     auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ(serve("", "x", [&](int sd) { EXPECT_EQ(next(sd), "end"); }), 0);
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(150));
@@ -379,7 +378,7 @@ TEST_F(Serve, ReadErrorDoesNothing) {
 TEST_F(Serve, AFailureOfTheReceiverIsReported) {
   writeTape(blocksOf(std::vector<File>{{"h", "/big", pattern(2 * PACK_CHUNK)}, {"h", "/g", "g"}}));
   behave("sound");
-  inNetwork([&] {
+  alone([&] {
     EXPECT_EQ(serve("#host=h\n/big\n/big\n/big\n/g\n", "",
                     [&](int sd) {
                       EXPECT_EQ(next(sd), "/big");

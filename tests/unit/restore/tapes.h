@@ -160,16 +160,4 @@ class TapeTest : public support::HomeTest {
   }
 };
 
-// Runs body in a child with a network of its own, where expectations count too.
-inline void inNetwork(const std::function<void()> &body, int limitSeconds = 20) {
-  int status = support::inChild(
-      [&] {
-        support::ownNetwork();
-        body();
-        return ::testing::Test::HasFailure() ? 1 : 0;
-      },
-      limitSeconds);
-  EXPECT_EQ(support::exitOf(status), 0);
-}
-
 }  // namespace tapes

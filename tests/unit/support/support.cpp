@@ -179,6 +179,17 @@ int dial(int port) {
   return -1;
 }
 
+void HomeTest::alone(const std::function<void()> &body, int limitSeconds) {
+  int status = inChild(
+      [&] {
+        if (!ownNetwork()) return 99;
+        body();
+        return HasFailure() ? 1 : 0;
+      },
+      limitSeconds);
+  EXPECT_EQ(exitOf(status), 0);
+}
+
 bool ownNetwork() {
   constexpr int kOwn = CLONE_NEWNET | CLONE_NEWIPC;
   if (unshare(kOwn) != 0 && unshare(CLONE_NEWUSER | kOwn) != 0) return false;

@@ -40,6 +40,10 @@ class HomeTest : public ::testing::Test {
   void site(const std::string &text);
   void soundSite() { site("behaviour = sound\n"); }
 
+  // Runs body in a child with a network of its own, the fixed ports free; its failures are this
+  // test's.
+  static void alone(const std::function<void()> &body, int limitSeconds = 30);
+
  private:
   FILE *status_ = nullptr;
   FILE *log_ = nullptr;
