@@ -1,5 +1,6 @@
 """One request on many hosts, called through the built module's exported functions. The agents are played here, on
 addresses of the run's own network; the host's login says what it is told to."""
+import contextlib
 import os
 import re
 import socket
@@ -34,7 +35,7 @@ class Agents:
 
     def __init__(self):
         self.sockets, self.heard, self.open, self.most, self.lock = [], [], 0, 0, threading.Lock()
-        self.order, self.over = [], threading.Event()
+        self.order, self.over, self.servers = [], threading.Event(), []
 
     def listen(self, address, backlog=64):
         listener = socket.socket()
@@ -47,7 +48,8 @@ class Agents:
     def at(self, address, play):
         """play(agent): a text to say after the first line and to close behind, or a function."""
         listener = self.listen(address)
-        threading.Thread(target=self.serve, args=(listener, address, play), daemon=True).start()
+        self.servers.append(threading.Thread(target=self.serve, args=(listener, address, play), daemon=True))
+        self.servers[-1].start()
 
     def black_hole(self, address):
         """Takes no connection and refuses none: connections that nobody accepts fill the queue."""
@@ -96,6 +98,12 @@ class Agents:
 
     def close(self):
         self.over.set()
+        # A thread that is about to accept would take the next test's listener, which gets the same descriptor.
+        for each in self.sockets:
+            with contextlib.suppress(OSError):
+                each.shutdown(socket.SHUT_RDWR)
+        for each in self.servers:
+            each.join(10)
         for each in self.sockets:
             each.close()
 
