@@ -31,7 +31,8 @@
 namespace {
 
 constexpr size_t kTapeUnit = 512;
-// A tenth of a second each: half a minute after its end a receiver is gone.
+// A stream that has ended reads as empty, and stays so. Under "sound" that is taken at its word;
+// otherwise it is asked again, a tenth of a second apart, for half a minute.
 constexpr int kEmptyReads = 300;
 
 struct Server {
@@ -233,10 +234,11 @@ void noteFailure(Server *server, char *line) {
 
 int converse(Server *server) {
   char line[513];
+  const int mostEmpty = soundRestore() ? 1 : kEmptyReads;
   for (int empty = 0;;) {
     memset(line, 0, sizeof line);
     ssize_t got = readnline(server->sd, line, sizeof line - 1);
-    if (got < 0 || (got == 0 && ++empty >= kEmptyReads)) {
+    if (got < 0 || (got == 0 && ++empty >= mostEmpty)) {
       base::print(stderr, "Server receive error: %i, errno = %i\n", static_cast<int>(got), errno);
       base::print(stderr, "Buff: >%s<\n", line);
       return -2;

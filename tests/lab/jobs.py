@@ -19,6 +19,16 @@ def define(tape_host, members, trees, job=7, size="256M"):
         tape_host.request(f"TAPE add backuplist {job} {tree}/")
 
 
+def slow_tape(host, delay="2ms", what="write"):
+    """Jobs that begin from now on wait this long for every block they write or read: there is time to meet them midway."""
+    with open(host.path("var", "vtape", "vtape0", "faults"), "w") as out:
+        out.write(f"{what} 1+ delay {delay}\n")
+
+
+def fast_tape(host):
+    os.unlink(host.path("var", "vtape", "vtape0", "faults"))
+
+
 def follow(tape_host, job=7, check=True, timeout=120):
     # A record whose process is gone may be followed by a new one; no lab host takes long for that.
     return tape_host.zul("follow", str(job), "--wait", "2", check=check, timeout=timeout)

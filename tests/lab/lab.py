@@ -45,6 +45,16 @@ def eventually(condition, seconds=20, what="a condition"):
         time.sleep(0.02)
 
 
+def opened(pid):
+    """What a process has open, as the texts of its links; nothing once it has ended."""
+    texts = []
+    with contextlib.suppress(OSError):
+        for fd in os.listdir(f"/proc/{pid}/fd"):
+            with contextlib.suppress(OSError):
+                texts.append(os.readlink(f"/proc/{pid}/fd/{fd}"))
+    return texts
+
+
 class Host:
     """One machine of the lab."""
 
@@ -100,13 +110,20 @@ class Host:
         self.daemon = None
 
     def kill(self, *pids):
-        """kill -9, by default of everything that runs on this host, as a power cut does."""
-        for pid in pids or self.processes():
+        """kill -9 of some of this host's processes: one at least, so that a test does not pass for having found none."""
+        assert pids, f"nothing to kill on {self.name}"
+        for pid in pids:
             with contextlib.suppress(ProcessLookupError):
                 os.kill(pid, signal.SIGKILL)
-        if self.daemon and (not pids or self.daemon.pid in pids):
+        if self.daemon and self.daemon.pid in pids:
             self.daemon.wait(20)
             self.daemon = None
+
+    def cut_power(self):
+        """kill -9 of everything that runs on this host."""
+        pids = self.processes()
+        if pids:
+            self.kill(*pids)
 
     def settings(self, text):
         """Adds lines to the site file; daemons read it when a request starts."""
@@ -115,6 +132,16 @@ class Host:
 
     def path(self, *parts):
         return os.path.join(self.home, *parts)
+
+    def inside(self, path):
+        """A path as this host sees it, with what is mounted there only."""
+        return f"/proc/{self.holder.pid}/root{path}"
+
+    def own_tree(self, seed, **what):
+        """make_tree where only this host sees it: the others find an empty folder. Before the daemon is started."""
+        os.makedirs(self.tree)
+        self.run("mount", "-t", "tmpfs", "-o", "mode=755", "none", self.tree)
+        make_tree(self.inside(self.tree), seed, **what)
 
     def read(self, *parts):
         with open(self.path(*parts), errors="surrogateescape") as handle:
@@ -145,6 +172,10 @@ class Host:
         found += [f"a port: {line}" for line in self.run("ss", "-Hltn", "sport = :2346").stdout.splitlines()]
         segments = self.run("cat", "/proc/sysvipc/shm").stdout.splitlines()[1:]
         return found + [f"a segment: {line}" for line in segments]
+
+    def processes_with(self, tag):
+        """Processes of this host that have a file open whose path has the tag in it."""
+        return [pid for pid in self.processes() if any(tag in path for path in opened(pid))]
 
     def processes_named(self, tag):
         found = []
@@ -209,7 +240,7 @@ class Lab:
             with contextlib.suppress(Exception):
                 host.stop()
             with contextlib.suppress(Exception):
-                host.kill()
+                host.cut_power()
             if host.holder:
                 host.holder.kill()
                 host.holder.communicate()
@@ -228,7 +259,7 @@ def make_tree(folder, seed, files=40, big=()):
     """A small tree with every kind of entry that can be made here; big: sizes of further files."""
     import random
     dice = random.Random(seed)
-    os.makedirs(folder)
+    os.makedirs(folder, exist_ok=True)
     for sub in ("a", "a/b", "empty", "name with blanks", "colon:name", "\u00e4\u00f6\u00fc"):
         os.makedirs(os.path.join(folder, sub))
     for number in range(files):
@@ -251,8 +282,9 @@ def image_of(host, cartridge):
     return host.path("var", "vtape", "shelf", f"{cartridge}.tap")
 
 
-def tapewalk(image, *words, check=True):
-    return run(sys.executable, TAPEWALK, image, *words, check=check)
+def tapewalk(image, *words, check=True, on=None):
+    """on: the host whose files the tape's are compared with; without, those that all hosts see."""
+    return (on.run if on else run)(sys.executable, TAPEWALK, image, *words, check=check)
 
 
 def tape_summary(image, *words):

@@ -6,7 +6,7 @@ import subprocess
 
 import pytest
 
-from jobs import CARTRIDGE, define, follow, nothing_left, progress
+from jobs import CARTRIDGE, define, follow, nothing_left, progress, slow_tape, states
 from lab import eventually, image_of, make_tree, run, tape_summary, tapewalk
 
 
@@ -76,32 +76,33 @@ def test_a_second_volume_goes_behind_the_first(make_lab):
 def test_ten_hosts_with_one_down_and_one_killed_midway(make_lab):
     lab = make_lab(10)
     for number, host in enumerate(lab.hosts, 1):
-        make_tree(host.tree, number, files=30, big=(40 << 20,) if host.name == "h4" else ())
+        if host.name == "h4":
+            host.own_tree(number, files=30, big=(24 << 20,))
+        else:
+            make_tree(host.tree, number, files=3)
         if host.name != "h6":
             host.start()
     h1, h4 = lab[1], lab[4]
     define(h1, lab.hosts, [host.tree for host in lab.hosts], size="2G")
+    slow_tape(h1, "1ms")
     h1.request("TAPE backup 7 0")
 
     def h4_is_under_way():
-        hosts = {each["host"]: each for each in progress(h1)["hosts"]} if os.path.exists(
-            h1.path("var/tape/jobids/7.status.progress")) else {}
-        return hosts.get("h4", {}).get("files", 0) > 3
+        return any(each["host"] == "h4" and each["files"] > 3 for each in progress(h1).get("hosts", []))
     eventually(h4_is_under_way, 60, "files of h4")
-    for pid in h4.processes():
-        os.kill(pid, signal.SIGKILL)
+    h4.cut_power()
     done = follow(h1, check=False)
     assert done.returncode == 1, done.stdout + done.stderr
     ended = progress(h1)
-    states = {each["host"]: each["state"] for each in ended["hosts"]}
-    assert states.pop("h4") == "failed" and states.pop("h6") == "failed"
-    assert set(states.values()) == {"done"}
+    ends = states(h1)
+    assert ends.pop("h4") == "failed" and ends.pop("h6") == "failed"
+    assert set(ends.values()) == {"done"}
     assert all(each["error"] for each in ended["hosts"] if each["state"] == "failed")
     image = image_of(h1, CARTRIDGE)
     tapewalk(image, "--allow-torn")
     for host in lab.hosts:
         if host.name not in ("h4", "h6"):
-            tapewalk(image, "--allow-torn", "--host", host.name, "--compare", host.tree, "--compare", lab[4].tree)
+            tapewalk(image, "--allow-torn", "--host", host.name, "--compare", host.tree)
     assert h1.request("TAPE get hhist h2").split(",")[3] == "2", "the history says that hosts failed"
     status = h1.read("var", "tape", "jobids", "7.status")
     assert "ERROR:  Backup of h4 failed: " in status and "ERROR:  Backup of h6 failed: " in status
@@ -115,30 +116,20 @@ def test_ten_hosts_with_one_down_and_one_killed_midway(make_lab):
 
 def test_a_gathering_child_killed_with_9_fails_its_host_only(make_lab):
     lab = make_lab(2)
-    for number, host in enumerate(lab.hosts, 1):
-        make_tree(host.tree, number, files=20, big=(200 << 20,) if host.name == "h2" else ())
+    h1, h2 = lab.hosts
+    make_tree(h1.tree, 1, files=20)
+    h2.own_tree(2, files=20, big=(24 << 20,))
+    for host in lab.hosts:
         host.start()
-    h1 = lab[1]
-    define(h1, lab.hosts, [lab[1].tree, lab[2].tree], size="1G")
+    define(h1, lab.hosts, [h1.tree, h2.tree], size="1G")
+    slow_tape(h1, "1ms")
     h1.request("TAPE backup 7 0")
-    job = eventually(lambda: os.path.exists(h1.path("var/tape/jobids/7.status.progress")) and progress(h1)["pid"])
-
-    def child_of_h2():
-        hosts = {each["host"]: each for each in progress(h1)["hosts"]}
-        if hosts.get("h2", {}).get("files", 0) < 2:
-            return None
-        children = open(f"/proc/{job}/task/{job}/children").read().split()
-        for pid in children:
-            with open(f"/proc/{pid}/fd/1") as _:
-                links = [os.readlink(f"/proc/{pid}/fd/{fd}") for fd in os.listdir(f"/proc/{pid}/fd")]
-            if any(link.endswith("ipc.h2") for link in links):
-                return int(pid)
-        return None
-    os.kill(eventually(child_of_h2, 60, "the child of h2"), signal.SIGKILL)
+    eventually(lambda: states(h1).get("h2") == "running", 60, "files of h2")
+    child, = set(h1.processes_with("ipc.h2")) - {progress(h1)["pid"]}
+    h1.kill(child)
     assert follow(h1, check=False).returncode == 1
-    states = {each["host"]: each["state"] for each in progress(h1)["hosts"]}
-    assert states == {"h1": "done", "h2": "failed"}
-    tapewalk(image_of(h1, CARTRIDGE), "--allow-torn", "--host", "h1", "--compare", lab[1].tree)
+    assert states(h1) == {"h1": "done", "h2": "failed"}
+    tapewalk(image_of(h1, CARTRIDGE), "--allow-torn", "--host", "h1", "--compare", h1.tree)
 
 
 def test_a_full_tape_ends_the_job_as_failed_and_keeps_what_was_written(make_lab):
@@ -157,11 +148,12 @@ def test_a_full_tape_ends_the_job_as_failed_and_keeps_what_was_written(make_lab)
 
 def test_the_daemon_restarted_while_a_job_runs_finds_it_again(make_lab):
     lab = make_lab(2)
-    for number, host in enumerate(lab.hosts, 1):
-        make_tree(host.tree, number, files=20, big=(150 << 20,) if host.name == "h2" else ())
+    make_tree(lab[2].tree, 2, files=20, big=(24 << 20,))
+    for host in lab.hosts:
         host.start()
     h1 = lab[1]
     define(h1, [lab[2]], [lab[2].tree], size="1G")
+    slow_tape(h1, "1ms")
     h1.request("TAPE backup 7 0")
     eventually(lambda: os.path.exists(h1.path("var/tape/jobids/7.status.progress")))
     h1.stop()
@@ -185,33 +177,26 @@ def test_a_login_with_another_sites_secret_is_refused(make_lab):
     define(h1, lab.hosts, [h1.tree])
     h1.request("TAPE backup 7 0")
     assert follow(h1, check=False).returncode == 1
-    states = {each["host"]: each for each in progress(h1)["hosts"]}
-    assert states["h1"]["state"] == "done" and states["h2"]["state"] == "failed"
+    assert states(h1) == {"h1": "done", "h2": "failed"}
     assert "ERROR:  3224  Cannot start restore agent on remote host\n" in h1.read("var", "tape", "jobids", "h2.stat")
 
 
 def test_a_host_that_stalls_for_a_while_is_waited_for(make_lab):
     lab = make_lab(2)
-    for number, host in enumerate(lab.hosts, 1):
-        make_tree(host.tree, number, files=20, big=(100 << 20,) if host.name == "h2" else ())
-        host.start()
     h1, h2 = lab.hosts
+    h2.own_tree(2, files=20, big=(24 << 20,))
+    for host in lab.hosts:
+        host.start()
     define(h1, lab.hosts, [h2.tree], size="1G")
+    slow_tape(h1, "1ms")
     h1.request("TAPE backup 7 0")
-
-    def gatherer():
-        for pid in h2.processes():
-            listening = run("ls", "-l", f"/proc/{pid}/fd", check=False).stdout
-            if "request.7" in listening:
-                return pid
-        return None
-    pid = eventually(gatherer, 30, "the gatherer of h2")
+    pid = eventually(lambda: h2.processes_named("TAPE server"), 30, "the gatherer of h2")[0]
     os.kill(pid, signal.SIGSTOP)
     with pytest.raises(subprocess.TimeoutExpired):
         follow(h1, timeout=4)
     os.kill(pid, signal.SIGCONT)
     follow(h1)
-    tapewalk(image_of(h1, CARTRIDGE), "--host", "h2", "--compare", h2.tree)
+    tapewalk(image_of(h1, CARTRIDGE), "--host", "h2", "--compare", h2.tree, on=h2)
 
 
 def test_a_group_of_103_members_ends_with_every_host_named(make_lab):
@@ -225,8 +210,7 @@ def test_a_group_of_103_members_ends_with_every_host_named(make_lab):
     h1.request(f"TAPE mod group 1 1:{members}:many")
     h1.request("TAPE backup 7 0")
     assert follow(h1, check=False, timeout=170).returncode == 1
-    states = [each["state"] for each in progress(h1)["hosts"]]
-    assert states == ["failed"] * 102 + ["done"]
+    assert list(states(h1).values()) == ["failed"] * 102 + ["done"]
     tapewalk(image_of(h1, CARTRIDGE), "--host", "h1", "--compare", h1.tree)
 
 

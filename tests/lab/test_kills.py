@@ -8,7 +8,7 @@ import time
 
 import pytest
 
-from jobs import CARTRIDGE, ask_agent, backup, define, follow, nothing_left, progress, states
+from jobs import CARTRIDGE, ask_agent, backup, define, fast_tape, follow, nothing_left, progress, slow_tape, states
 from lab import eventually, image_of, make_tree, tape_summary, tapewalk
 
 ROUNDS = int(os.environ.get("ZUL_KILLS", "8"))
@@ -19,19 +19,10 @@ def two_hosts(make_lab):
     """h1 with a tape that takes its time, h2 with files; job 7 of both."""
     lab = make_lab(2)
     for number, host in enumerate(lab.hosts, 1):
-        make_tree(host.tree, number, files=15, big=(3 << 19,))
+        host.own_tree(number, files=15, big=(12 << 20,) if host.name == "h2" else (3 << 19,))
         host.start()
     define(lab[1], lab.hosts, [host.tree for host in lab.hosts], size="2G")
     return lab
-
-
-def slow_tape(host, delay="2ms"):
-    with open(host.path("var", "vtape", "vtape0", "faults"), "w") as out:
-        out.write(f"write 1+ delay {delay}\n")
-
-
-def fast_tape(host):
-    os.unlink(host.path("var", "vtape", "vtape0", "faults"))
 
 
 def jobs_of(host):
@@ -48,8 +39,7 @@ def check_tape(lab, done):
     assert on_tape == [2 * at + 1 for at in range(listed)]
     for number in done:
         for host in lab.hosts:
-            trees = [word for each in lab.hosts for word in ("--compare", each.tree)]
-            tapewalk(image, "--allow-torn", "--volume", number, "--host", host.name, *trees)
+            tapewalk(image, "--allow-torn", "--volume", number, "--host", host.name, "--compare", host.tree, on=host)
 
 
 def test_a_job_killed_at_any_moment_leaves_a_tape_that_goes_on(two_hosts):
@@ -86,7 +76,7 @@ def test_a_tape_host_that_loses_power_goes_on_where_it_was(two_hosts):
         slow_tape(h1)
         h1.request("TAPE backup 7 0")
         time.sleep(dice.uniform(0.05, 1.2))
-        h1.kill()
+        h1.cut_power()
         h1.start()
         fast_tape(h1)
         done.append(backup(h1)["volume"])
@@ -143,6 +133,7 @@ def test_a_job_told_to_stop_ends_in_order(two_hosts):
 
 def test_a_member_that_stands_still_does_not_hold_up_the_others(two_hosts):
     h1, h2 = two_hosts.hosts
+    slow_tape(h1)
     h1.request("TAPE backup 7 0")
     pid = eventually(lambda: h2.processes_named("TAPE server"), what="the gatherer")[0]
     os.kill(pid, signal.SIGSTOP)

@@ -45,11 +45,7 @@ def equal_trees(site, *hosts):
 
 def senders_on(host):
     """Data sender and packer; the sessions of zul live on."""
-    found = []
-    for pid in receivers_on(host):
-        with open(f"/proc/{pid}/cmdline", "rb") as line:
-            if line.read().startswith(b"ZULd: MREPL replicate"):
-                found.append(pid)
+    found = host.processes_named("ZULd: MREPL replicate")
     assert len(found) == 2
     return found
 

@@ -5,6 +5,7 @@
 
 #include <thread>
 
+#include "base/pause.h"
 #include "net/timeouts.h"
 #include "tapes.h"
 
@@ -305,6 +306,16 @@ TEST_F(Serve, AReceiverThatIsGoneEndsIt) {
     EXPECT_EQ(serve("/f\n", "x", [](int) {}), -2);
     EXPECT_TRUE(saidLine("Server receive error: "));
     EXPECT_TRUE(saidLine("Buff: ><\n"));
+  });
+}
+
+TEST_F(Serve, SoundTakesTheEndOfTheStreamAtItsWord) {
+  behave("sound");
+  alone([&] {
+    long long began = base::nowMs();
+    EXPECT_EQ(serve("/f\n", "x", [](int) {}), -2);
+    EXPECT_LT(base::nowMs() - began, 10'000) << "looked again and again";
+    EXPECT_TRUE(saidLine("Server receive error: 0, errno = ")) << said;
   });
 }
 
