@@ -238,20 +238,20 @@ TEST(ClientLogin, SilentHostCostsTheDeadlineAndNoMore) {
   EXPECT_FALSE(login::clientLogin(pair.client.get(), login::Kind::node, "alpha", kKey, 150));
   long long took = base::nowMs() - before;
   EXPECT_GE(took, 140);
-  EXPECT_LT(took, 2000);
+  EXPECT_LT(took, 10000);
 }
 
 TEST(ClientLogin, DripFeedCannotStretchTheDeadline) {
   Pair pair;
   std::thread drip([&] {
-    for (int sent = 0; sent < 40; sent++) {
+    for (int sent = 0; sent < 500; sent++) {
       if (send(pair.host.get(), "Z", 1, MSG_NOSIGNAL) != 1) break;
       base::sleepMs(20);
     }
   });
   long long before = base::nowMs();
   EXPECT_FALSE(login::clientLogin(pair.client.get(), login::Kind::node, "alpha", kKey, 200));
-  EXPECT_LT(base::nowMs() - before, 700);
+  EXPECT_LT(base::nowMs() - before, 5000);
   pair.client.reset();
   drip.join();
 }

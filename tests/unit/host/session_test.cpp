@@ -216,7 +216,7 @@ TEST_F(Sessions, SilentPeersAreRefusedAtTheDeadline) {
   long long before = base::nowMs();
   peer.hearLine();
   EXPECT_TRUE(peer.hear("\n") == "NO\n");
-  EXPECT_LT(base::nowMs() - before, 2000);
+  EXPECT_LT(base::nowMs() - before, 10000);
   peer.sd.reset();
   EXPECT_TRUE(sessionEnded());
 }
