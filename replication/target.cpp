@@ -199,7 +199,7 @@ bool finishDirectories() {
     bool done = fseek(state.directories, at * static_cast<long>(sizeof pending), SEEK_SET) == 0 &&
                 fread(&pending, sizeof pending, 1, state.directories) == 1 &&
                 locate(pending.path, false, &place) &&
-                fchmodat(place.dir, place.name, pending.mode, 0) == 0;
+                fchmodat(place.dir, place.name, pending.mode, place.noFollow) == 0;
     if (done && utimensat(place.dir, place.name, pending.times, place.noFollow) == 0) continue;
     base::print(stderr, "ERROR:  Permissions or times of directory %s: %s\n", pending.path,
                 strerror(errno));

@@ -208,6 +208,16 @@ TEST_P(SoundReceive, ALinkedParentThatLeadsOutsideTakesNothingThere) {
   EXPECT_FALSE(exists(path("elsewhere/f")));
 }
 
+TEST_P(SoundReceive, ALinkThatTookTheDirectorysPlaceKeepsItsTargetAsItWas) {
+  mkdir(path("elsewhere").c_str(), 0700);
+  EXPECT_EQ(take(headerOf("/d/", 1), "", "/d/"), 0);
+  ASSERT_EQ(rmdir((root + "/d").c_str()), 0);
+  ASSERT_EQ(symlink(path("elsewhere").c_str(), (root + "/d").c_str()), 0);
+  std::string told = captureStderr([] { EXPECT_FALSE(target::end()); });
+  EXPECT_NE(told.find("ERROR:  Permissions or times of directory "), std::string::npos);
+  EXPECT_EQ(statOf(path("elsewhere")).st_mode & 07777, 0700u);
+}
+
 TEST_P(SoundReceive, AFileThatCannotBeWrittenLeavesTheOldOneWhole) {
   writeFile(root + "/f", "old content");
   package header = headerOf("/f", 0, 2 * PACK_CHUNK);
