@@ -14,8 +14,7 @@ import pytest
 from home import eventually
 from outside import Memory
 from ownnetwork import enter_own_network
-from test_outside_multicast import put_job
-from test_outside_runs import logs, udp  # noqa: F401 (a fixture)
+from outsidemulticast import logs, put_job, udp  # noqa: F401 (a fixture)
 
 CONSOLE = 2345
 START = "MREPL mrepclnt 1234567890\n"

@@ -5,29 +5,8 @@ import struct
 import pytest
 
 from outside import Memory
-
-SLOT, SEGMENT, PAYLOAD, HEAD, INLINE = 1068, 1056, 1024, 336, 688
-SEND_AREA, RECV_AREA, SEND_CTRL, RECV_CTRL = 17498188, 4374596, 72, 64
-FILE, FOLDER, LINK, OTHER, END = 1, 2, 3, 7, 8
-JOBS = "var/tape/mrepljobs"
-
-
-def head(name, kind, size=0, owner=0, group=0, mode=0, mtime=0, atime=0, rdev=0):
-    """A file header as it travels."""
-    return (b"dEhF" + name.encode("latin-1").ljust(256, b"\0") + bytes(3) + bytes([kind])
-            + struct.pack(">18I", owner, group & 0xFFFFFFFF, mode, 0, mtime, 0, atime, 0, size, 0, rdev, *[0] * 7))
-
-
-def segment(number, payload, send_time=0, wait=50, control=0, marks=b"PfInSeNd"):
-    return (b"PaCk" + struct.pack(">5I", send_time, number >> 32, number & 0xFFFFFFFF, wait, control) + marks
-            + payload.ljust(PAYLOAD, b"\0"))
-
-
-END_RECORD = head("EnD_Of_TrAnSmIsSiOn", END, owner=65535, group=-2)
-
-
-def put_job(outside, number, text):
-    outside.write(f"{JOBS}/mrepjob.{number}", text)
+from outsidemulticast import (END_RECORD, FILE, FOLDER, HEAD, INLINE, JOBS, KEEP_ALL, LINK, OTHER, PAYLOAD, SEGMENT,
+                              SEND_AREA, SEND_CTRL, SLOT, ancestors, head, pattern, put_job)
 
 
 def printed(**values):
@@ -314,11 +293,6 @@ def listed(outside, requests, since=0, excluded=()):
     return results[6:end:2]
 
 
-def ancestors(path):
-    parts = path.strip("/").split("/")
-    return ["/" + "/".join(parts[:at]) for at in range(1, len(parts))]
-
-
 def make_tree(outside):
     tree = outside.path("tree")
     for folder in ("a/b", "empty"):
@@ -379,10 +353,6 @@ def test_lists_are_read_from_files(outside):
 
 
 # --- headers and content ---
-
-def pattern(length):
-    return bytes((at * 31 >> 3) & 0xFF for at in range(length))
-
 
 def described(outside, path):
     """(results, type, size, stored, payload) of the two calls that make a header segment."""
@@ -488,9 +458,6 @@ def packed(outside, text, ready=1, before=()):
     block = struct.unpack("<7Iiqiii4Ii", outside.read("tmp/control"))
     slots = outside.read("tmp/ring")
     return said, block, [slots[at:at + SLOT] for at in range(0, block[14] * SLOT, SLOT)]
-
-
-KEEP_ALL = "FilePerms: 61440\nDirPerms: 28672\n"
 
 
 def test_paths_become_slots_and_two_end_records_close_them(outside):
