@@ -6,9 +6,17 @@
 #include <string>
 #include <vector>
 
+#include "mrepl/run.h"
 #include "support.h"
 
 namespace mtest {
+
+inline bool has(const std::string &text, const std::string &part) {
+  return text.find(part) != std::string::npos;
+}
+
+// The control word of a segment that a sound sender marks as the first of a file.
+constexpr uint32_t kMarked = mrepl::kReports | mrepl::kHead;
 
 // A UDP socket on loopback that hears what the code under test sends.
 class Ear {
