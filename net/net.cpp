@@ -64,6 +64,7 @@ int mkZULagentSD(const char *host) {
   struct sigaction previous;
   if (base::catchAlarm(mkZULagentSD_alarm, &previous) != 0) {
     base::print(stderr, "ERROR:  3209  Failed to install signal handler.\n");
+    close(sd);
     return -1;
   }
   // The alarm is left pending behind the connection, where it bounds the login too; openAgent
