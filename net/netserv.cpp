@@ -92,7 +92,9 @@ int mkFlist(int reqid, int since) {
   while (base::nowMs() < endMs) {
     base::pauseFor(base::Pause::ListStart);
     int status;
-    if (base::reapNow(pid, &status) == pid && WIFEXITED(status)) return 0;
+    if (base::reapNow(pid, &status) != pid || !WIFEXITED(status)) continue;
+    // Without a generator there will be no list: the tape host would wait for one in vain.
+    return WEXITSTATUS(status) != 0 && base::sound(base::Area::stream) ? -1 : 0;
   }
   base::print(stderr, "ERROR:  3034  Parent timesout \n");
   return -1;
