@@ -115,10 +115,10 @@ int converse(ipc *slot, const char *host, int reqid, int since, int *sd) {
   return clientHandshak(*sd, slot);
 }
 
-// Closed on before the first file.
+// Closed on before a first answer: a dialogue that had one ended for another reason.
 bool wasTurnedAway(const ipc *slot, int result) {
   constexpr int kWrite = -1, kNoAnswer = -2;
-  return (result == kWrite || result == kNoAnswer) && slot->produced == 0 &&
+  return (result == kWrite || result == kNoAnswer) && slot->pack.magic == 0 &&
          base::sound(base::Area::stream) && base::sound(base::Area::pace);
 }
 
