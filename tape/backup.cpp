@@ -226,10 +226,14 @@ int BackupJob::position() {
   return volume < 0 ? volume : lookAhead(volume);
 }
 
-// The block that comes next on the tape, if it is as long as that of a catalog copy.
+// Reads the block that comes next on the tape: its length, or 0 or less when none comes. Of a block
+// that is longer than a catalog copy's only that much is known; the tape has passed it all the
+// same.
 ssize_t BackupJob::readHere(catlgstru *copy) {
   tape::OpenDrive open(drive::openDrive(device_, O_RDONLY));
-  return open ? drive::readBlock(open.get(), copy, CATLG_FIXED) : -1;
+  if (!open) return -1;
+  ssize_t got = drive::readBlock(open.get(), copy, CATLG_FIXED);
+  return got < 0 && errno == ENOMEM ? CATLG_FIXED + 1 : got;
 }
 
 // A catalog that lost its last records counts fewer volumes than the tape holds; the job would
@@ -353,6 +357,7 @@ int BackupJob::makeSegment() {
         backuplog,
         "ERROR:  8312  Fatal error.  Failed to allocate shared memory buffer.  errno = %i\n",
         errno);
+    if (backupSound()) tprmShMem(tpshmid);
     return giveUp(kNoSegment);
   }
   // The system has 4096 segments, and a segment outlives its job. Removed now, it goes with the
