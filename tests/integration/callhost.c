@@ -14,7 +14,8 @@
  * into a block of memory, or the result that was kept under that name.
  * Or it is for the host itself: errno N (before each later call), null STREAM, copies N (what the helpers answer;
  * 2: success without a copy; 3: the same, and from then on a failure), answer N (of the login and of deldir), set and
- * get NAME (an exported variable), alarm and timer (what is pending), state (what the process has become).
+ * get NAME (an exported variable), alarm and timer (what is pending), state (what the process has become), shortage
+ * FUNCTION CALL ERRNO (see shortage.h).
  * Blocks of memory live as long as the process: memory NAME SIZE (of zeros), keep NAME (the last result), last NAME
  * (the last result into an exported variable), poke NAME OFFSET FILE, dump NAME OFFSET SIZE FILE, texts NAME TEXT...
  * (a table of texts, closed by a null), point NAME OFFSET OTHER (to its address), say NAME OFFSET TEXT (to a copy),
@@ -32,6 +33,8 @@
 #include <sys/time.h>
 #include <unistd.h>
 #include <zul/host.h>
+
+#include "shortage.h"
 
 char ZULhome[256];
 FILE *backuplog;
@@ -197,6 +200,7 @@ static void own(void *module, char **word) {
   if (strcmp(word[0], "answer") == 0) loginResult = atoi(word[1]);
   if (strcmp(word[0], "set") == 0) *(int *)dlsym(module, word[1]) = atoi(word[2]);
   if (strcmp(word[0], "get") == 0) dprintf(kResults, "%s %d\n", word[1], *(int *)dlsym(module, word[1]));
+  if (strcmp(word[0], "shortage") == 0) makeShort(module, word[1], word[2], atoi(word[3]));
   if (strcmp(word[0], "timer") == 0) {
     struct itimerval left;
     getitimer(ITIMER_REAL, &left);

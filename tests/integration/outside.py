@@ -14,7 +14,7 @@ import urllib.parse
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 BUILD = os.environ.get("ZUL_BUILD", os.path.join(ROOT, "build", "dev"))
 MODULE = os.path.join(BUILD, "bin", "libtape.so")
-SOURCE = os.path.join(ROOT, "tests", "integration", "callhost.c")
+SOURCES = [os.path.join(ROOT, "tests", "integration", name) for name in ("callhost.c", "shortage.c")]
 
 
 def build_host(program):
@@ -22,7 +22,7 @@ def build_host(program):
     sanitized = b"__asan_init" in subprocess.run(["nm", "-D", MODULE], capture_output=True, check=True).stdout
     flags = ["-fsanitize=address,undefined"] if sanitized else []
     subprocess.run(["gcc", "-std=gnu11", "-Wall", "-Wextra", "-Werror", "-rdynamic", *flags, f"-I{ROOT}/include",
-                    "-o", str(program), SOURCE, "-ldl"], check=True)
+                    "-o", str(program), *SOURCES, "-ldl"], check=True)
     return str(program)
 
 
