@@ -110,6 +110,22 @@ bool TreeWalk::run(char *path) {
   return visit(AT_FDCWD, name, length, 0);
 }
 
+// Whether an entry is new since the reference time. By its modification time alone, files that came
+// with an older one (moved here, unpacked, installed) would be in no backup of a level above 0, and
+// those of 1970, which some systems give to all they install, in none at all. The second of the
+// reference time counts: the run that began in it may have read the file before the change.
+bool TreeWalk::hasChanged(const struct stat &status) const {
+  if (!sound_) return status.st_mtime > newer_;
+  return newer_ <= 0 || status.st_mtime >= newer_ || status.st_ctime >= newer_;
+}
+
+// A directory that no line of an ancestor can stand above. It is listed whatever its time, as
+// ancestors are: while the walk passes over files that have not changed, the gatherer needs a
+// directory to keep its peer waiting with.
+bool TreeWalk::standsBelowRoot(size_t length) const {
+  return length > 1 && path_[0] == '/' && memchr(path_ + 1, '/', length - 1) == nullptr;
+}
+
 // Lists what stands in path_, which the kernel finds as name below parent. device is where parent
 // lives.
 bool TreeWalk::visit(int parent, const char *name, size_t length, dev_t device) {
@@ -122,7 +138,8 @@ bool TreeWalk::visit(int parent, const char *name, size_t length, dev_t device) 
   }
   *bytes_ += status.st_size;
   bool directory = S_ISDIR(status.st_mode);
-  if (status.st_mtime > newer_ && length > 0 && !lines_.add(path_, length, directory)) return false;
+  bool listed = hasChanged(status) || (sound_ && directory && standsBelowRoot(length));
+  if (listed && length > 0 && !lines_.add(path_, length, directory)) return false;
   if (!lines_.settle()) return false;
   // Directories are walked whatever their time: new files come to old directories.
   return !directory || descend(parent, name, length, status.st_dev, device);

@@ -43,7 +43,8 @@ class LineWriter {
 // that changes under the walk cannot lead it elsewhere, and the length of a path bounds its depth.
 class TreeWalk {
  public:
-  // Entries modified later than newer are listed; the sizes of all that is seen are added to bytes.
+  // Entries modified later than newer are listed (under "sound" also what came or changed otherwise
+  // since then, and all for a newer of 0); the sizes of all that is seen are added to bytes.
   TreeWalk(LineWriter &lines, long *bytes, time_t newer);
 
   // Walks the tree at path, a buffer of base::kPathMax bytes, which is used to build names and
@@ -52,6 +53,8 @@ class TreeWalk {
 
  private:
   bool visit(int parent, const char *name, size_t length, dev_t device);
+  bool hasChanged(const struct stat &status) const;
+  bool standsBelowRoot(size_t length) const;
   bool descend(int parent, const char *name, size_t length, dev_t own, dev_t above);
   bool readEntries(DIR *dir, size_t length, dev_t device);
   bool visitEntry(DIR *dir, const char *name, size_t length, dev_t device);

@@ -130,6 +130,46 @@ TEST_F(Lists, NewFilesInOldDirectoriesAreFoundAndTheSameSecondIsOld) {
   EXPECT_EQ(scan(tree, 2000), "0 " + tree + "/old/new\n");
 }
 
+TEST_F(Lists, UnderSoundWhatCameWithAnOlderTimeIsNewAndSoIsTheSameSecond) {
+  fs::create_directory(tree + "/old");
+  writeFile(tree + "/old/came", "x");  // its own time is old, its place is new
+  setTime(tree + "/old/came", 1000);
+  setTime(tree + "/old", 1000);
+  setTime(tree, 1000);
+  time_t now = time(nullptr);
+  std::string all = "0 " + tree + "/\n1 " + tree + "/old/\n2 " + tree + "/old/came\n";
+  EXPECT_EQ(scan(tree, now - 1000), "");
+  writeFile(tree + "/old/same", "x");
+  setTime(tree + "/old/same", now + 2000);
+  setTime(tree + "/old", 1000);
+  EXPECT_EQ(scan(tree, now + 2000), "");
+  soundSite();
+  EXPECT_EQ(scan(tree, now + 2000), "0 " + tree + "/old/same\n");
+  EXPECT_EQ(scan(tree, now + 2001), "");
+  fs::remove(tree + "/old/same");
+  setTime(tree + "/old", 1000);
+  EXPECT_EQ(scan(tree, now - 1000), all);
+}
+
+TEST_F(Lists, UnderSoundEverythingMeansFilesOfAnyTime) {
+  writeFile(tree + "/first", "x");
+  setTime(tree + "/first", 0);
+  setTime(tree, -1);
+  EXPECT_EQ(scan(tree, 0), "");
+  soundSite();
+  EXPECT_EQ(scan(tree, 0), "0 " + tree + "/\n1 " + tree + "/first\n");
+}
+
+TEST_F(Lists, UnderSoundADirectoryBelowTheRootIsListedWhateverItsTime) {
+  // While a walk finds nothing new, the gatherer keeps its peer waiting with a directory.
+  time_t ahead = time(nullptr) + 100000;
+  EXPECT_EQ(make("/etc/\n", ahead), 0);
+  EXPECT_EQ(list(), "");
+  soundSite();
+  EXPECT_EQ(make("/etc/\n", ahead), 0);
+  EXPECT_EQ(list(), "0 /etc/\nend\n");
+}
+
 TEST_F(Lists, CarriageReturnsEndNamesTooSoEachLineGivesAnEmptyEntry) {
   EXPECT_EQ(make("/a\r\n/b\r\n"), 0);
   EXPECT_EQ(list(), "0 /a\n1 \n2 /b\n3 \n");
