@@ -44,12 +44,15 @@ bool peerOf(int sd, in6_addr *address) {
 // 1 ready, 0 the limit has passed, -1 failure, or the peer of console (-1: none) is gone. endMs of
 // -1: no limit.
 int waitForConnection(int listening, int console, long long endMs) {
-  long long left = endMs < 0 ? -1 : endMs - base::nowMs();
-  if (endMs >= 0 && left <= 0) return 0;
-  pollfd asked[2] = {{listening, POLLIN, 0}, {console, POLLRDHUP, 0}};
-  int ready = poll(asked, 2, static_cast<int>(left));
-  if (ready < 0 && errno == EINTR) return 1;
-  return ready > 0 && !(asked[0].revents & POLLIN) ? -1 : ready;
+  for (;;) {
+    long long left = endMs < 0 ? -1 : endMs - base::nowMs();
+    if (endMs >= 0 && left <= 0) return 0;
+    pollfd asked[2] = {{listening, POLLIN, 0}, {console, POLLRDHUP, 0}};
+    int ready = poll(asked, 2, static_cast<int>(left));
+    // An accept that finds nobody would wait without a limit.
+    if (ready < 0 && errno == EINTR) continue;
+    return ready > 0 && !(asked[0].revents & POLLIN) ? -1 : ready;
+  }
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -70,6 +71,27 @@ TEST_F(Accept, GivesUpAfterItsLimit) {
   EXPECT_EQ(net::acceptPeer(listening.get(), 80), -1);
   EXPECT_GE(base::nowMs() - begin, 70);
   EXPECT_EQ(net::acceptPeer(-1, 80), -1);
+}
+
+TEST_F(Accept, ASignalDoesNotEndItsLimit) {
+  int status = support::inChild([&] {
+    // A wait for a connection ends with every signal, an accept begins anew.
+    struct sigaction action = {};
+    action.sa_handler = [](int) {};
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGUSR1, &action, nullptr);
+    pid_t waiter = getpid();
+    pid_t caller = fork();
+    // Until the waiter is gone: it may be anywhere when a single one comes.
+    if (caller == 0)
+      while (getppid() == waiter) {
+        kill(waiter, SIGUSR1);
+        base::sleepMs(5);
+      }
+    if (caller == 0) _exit(0);
+    return net::acceptPeer(listening.get(), 200) == -1 ? 0 : 1;
+  });
+  EXPECT_EQ(support::exitOf(status), 0);
 }
 
 TEST_F(Accept, TakesOnlyTheConsolesPeerOnASoundSite) {
