@@ -74,9 +74,10 @@ int openFile(const package &header, const char *path) {
 
 int receiveSegment(int sd, const package &header, const char *path) {
   size_t left = target::segmentLength(header);
-  // Behind a file that ends on a full megabyte comes one more header, and nothing to write.
-  if (left == 0 && header.sequence > 0) return 0;
   bool sound = base::sound(base::Area::receive);
+  // Behind a file that ends on a full megabyte comes one more header, and nothing to write: the
+  // file has its name already.
+  if (sound && left == 0 && header.sequence > 0) return 0;
   int result = openFile(header, path);
   if (result != 0) return sound && drain(sd, left) != 0 ? kStreamLost : result;
   char piece[kLongPiece];

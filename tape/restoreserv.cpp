@@ -64,6 +64,8 @@ size_t roundedUp(size_t n) {
 // Passes over the segment behind the current header.
 bool skipSegment(const Server &server) {
   size_t left = target::segmentLength(server.header);
+  base::print(stderr, "Ignoring:  %s   Toread = %li\n", server.header.filename,
+              static_cast<long>(left));
   size_t blocks = (left + PACK_PIECE - 1) / PACK_PIECE;
   if (blocks == 0) return true;
   // Spacing costs one call for 128 blocks and moves no data.
@@ -168,11 +170,7 @@ void settle(Server *server) {
 int answerNext(Server *server) {
   base::print(stderr, "INFO:  Got Next\n");
   settle(server);
-  if (server->pending && !server->plan) {
-    base::print(stderr, "Ignoring:  %s   Toread = %li\n", server->header.filename,
-                static_cast<long>(target::segmentLength(server->header)));
-    if (!skipSegment(*server)) return -1;
-  }
+  if (server->pending && !server->plan && !skipSegment(*server)) return -1;
   server->pending = false;
   Found found = findNext(server);
   if (found == Found::end) return sendEndOfList(*server);

@@ -106,6 +106,12 @@ TEST_P(Receive, AFileOfAFullMegabyteHasOneMoreEmptySegment) {
   EXPECT_EQ(readFile(root + "/f"), data);
 }
 
+TEST_P(Receive, AnEmptySegmentWithoutItsFileIsAFailureInClassicOnly) {
+  EXPECT_EQ(take(headerOf("/f", 0, PACK_CHUNK, 1), "", "/f"), sound() ? 0 : -3);
+  EXPECT_EQ(said.find("ERROR:  Cannot open ") == 0, !sound()) << said;
+  EXPECT_FALSE(std::filesystem::exists(root + "/f"));
+}
+
 TEST_P(Receive, AnEmptyFileIsMade) {
   EXPECT_EQ(take(headerOf("/f", 0, 0), "", "/f"), 0);
   EXPECT_EQ(statOf(root + "/f").st_size, 0);

@@ -215,8 +215,12 @@ TEST_F(Serve, FilesThatAreNotOnTheListArePassedOver) {
                       EXPECT_EQ(next(sd), "end");
                     }),
               0);
-    for (const char *name : {"/a", "/b", "/g"})
-      EXPECT_TRUE(saidLine(std::string("INFO:  Is this the desired file? ") + name + "\n"));
+    EXPECT_TRUE(
+        saidLine("Trying to restore /g\n"
+                 "INFO:  Is this the desired file? /a\nIgnoring:  /a   Toread = 9000\n"
+                 "INFO:  Is this the desired file? /b\nIgnoring:  /b   Toread = 0\n"
+                 "INFO:  Is this the desired file? /g\nSend Head:  /g   Toread = 1\n"))
+        << said;
   });
 }
 
