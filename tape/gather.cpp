@@ -180,9 +180,11 @@ bool GatherLoop::goesByItsName(int at) {
 bool GatherLoop::copy(int at) {
   Member &member = members_[at];
   if (base::sound(base::Area::security) && !goesByItsName(at)) return true;
+  bool backupSound = base::sound(base::Area::backup);
+  // Such a file is on the tape by its name alone. Who wants it back must not be the first to hear.
+  if (backupSound) member.noteUnread();
   Copied copied = copyPackage(member.slot(), run_.tapefd, vollist_);
   wrote_ |= copied.reachedTape;
-  bool backupSound = base::sound(base::Area::backup);
   switch (copied.outcome) {
     case Copy::nothing:
       return false;

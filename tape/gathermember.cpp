@@ -3,9 +3,11 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <inttypes.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <zul/host.h>
 #include <zul/net.h>
@@ -20,6 +22,7 @@
 #include "net/gatherchild.h"
 #include "net/hostlock.h"
 #include "tape/mailbox.h"
+#include "tape/volumelist.h"
 
 namespace tape {
 
@@ -30,6 +33,7 @@ constexpr int kStop = 2;
 constexpr int kReaped = 4;
 constexpr int kFinished = 8;
 constexpr int kFailed = 16;
+constexpr uint64_t kMostUnread = 100;  // named in the log; of more only the number is
 
 void setParentFlags(ipc *slot, int flags) {
   base::storeWord(slot->pst.flags, flags);
@@ -116,6 +120,16 @@ bool Member::takeName() {
   return strncmp(name_, said, sizeof name_ - 1) == 0;
 }
 
+// The header of what had vanished, or is no file, says nothing of a file's or a link's kind.
+void Member::noteUnread() {
+  const package &header = slot_->pack;
+  bool isFile = S_ISREG(header.mode) || S_ISLNK(header.mode);
+  if (header.type != 5 || !isFile || ++unread_ > kMostUnread) return;
+  char name[sizeof header.filename + 1];
+  listName(name, sizeof header.filename, header.filename);
+  base::print(backuplog, "WARNING:  Not saved, it cannot be read on %s: %s\n", slot_->host, name);
+}
+
 void Member::reap() {
   if (reaped_ || pid_ <= 0 || state_ == State::over) return;
   int status;
@@ -157,6 +171,9 @@ void Member::account() {
                 base::HomePath("tmp/ipc.%s", slot_->host).c_str());
   base::print(backuplog, "Backed-up %li KB in %u items, at %u KB/s from %s.\n",
               static_cast<long>(slot_->kbytes), slot_->items, slot_->rate, slot_->host);
+  if (unread_ > kMostUnread)
+    base::print(backuplog, "WARNING:  Not saved, %" PRIu64 " files in all cannot be read on %s\n",
+                unread_, slot_->host);
   base::print(backuplog, "Stopping gathering process for %s.\n", slot_->host);
 }
 

@@ -51,6 +51,8 @@ class Member {
   const char *name() const { return name_; }
   // Takes the name in the slot's header; false when the host went by another one before.
   bool takeName();
+  // Says so when the package that waits is that of a file which cannot be read on its host.
+  void noteUnread();
   // Gives up a host that was not started.
   void abandon() { state_ = State::over; }
 
@@ -80,6 +82,7 @@ class Member {
   char name_[64] = "";  // as long as the field of a header
   char refused_[128] = "";
   bool noted_ = false;
+  uint64_t unread_ = 0;
 };
 
 }  // namespace tape
