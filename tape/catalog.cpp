@@ -151,7 +151,7 @@ int fillCatlgstru(int job, catlgstru *record, int level) {
   record->retention = rec.retention;
   record->jobnum = rec.job;
   record->group = rec.group;
-  memcpy(record->label, rec.name, sizeof record->label);
+  base::copyField(record->label, sizeof record->label, rec.name);
   record->level = level;
   memset(record->minus1, 0xff, sizeof record->minus1);
   if (getGroupHosts(rec.group, record->hosts) < 0) return -1;
