@@ -131,11 +131,7 @@ class Watcher {
       if (entry.is_object() && entry.value("file", nlohmann::json()) == path)
         return entry.value("alive", nlohmann::json()) != false;
     text = again<std::string>([&] { return connection_->ask("HOST ps json").text; });
-    list = nlohmann::json::parse(text, nullptr, false);
-    if (!list.is_array()) return true;
-    for (const nlohmann::json &entry : list)
-      if (entry.is_object() && entry.value("pid", nlohmann::json()) == pid) return true;
-    return false;
+    return isListed(text, pid).value_or(true);
   }
 
  private:

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "console/fields.h"
 #include "console/text.h"
 
 namespace console {
@@ -15,19 +16,6 @@ using nlohmann::ordered_json;
 constexpr int64_t kClockMs = 5000;
 constexpr const char *kChecks[] = {"agent", "interface", "multicast", "clock",
                                    "space", "behaviour", "version"};
-
-std::string textOf(const json &object, const char *key) {
-  auto at = object.find(key);
-  return at != object.end() && at->is_string() ? at->get<std::string>() : "";
-}
-int64_t numberOf(const json &object, const char *key) {
-  auto at = object.find(key);
-  return at != object.end() && at->is_number_integer() ? at->get<int64_t>() : 0;
-}
-bool truthOf(const json &object, const char *key) {
-  auto at = object.find(key);
-  return at != object.end() && at->is_boolean() && at->get<bool>();
-}
 
 std::set<std::string> areasOf(const json &object) {
   std::set<std::string> areas;

@@ -3,6 +3,7 @@
 #include <sodium.h>
 
 #include "base/pause.h"
+#include "console/fields.h"
 #include "console/multicastcheck.h"
 #include "console/multicastrun.h"
 #include "console/text.h"
@@ -41,12 +42,8 @@ void measure(Connection &connection, const std::string &number, SenderFacts *fac
   nlohmann::json said =
       nlohmann::json::parse(connection.ask("MREPL measure " + number).text, nullptr, false);
   if (!said.is_object()) return;
-  auto count = [&](const char *key) {
-    auto at = said.find(key);
-    return at != said.end() && at->is_number_unsigned() ? at->get<uint64_t>() : 0;
-  };
-  facts->files = count("files");
-  facts->bytes = count("bytes");
+  facts->files = countOf(said, "files");
+  facts->bytes = countOf(said, "bytes");
 }
 
 void show(const SenderFacts &sender, const std::vector<Examination> &examinations) {

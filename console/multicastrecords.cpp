@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "console/fields.h"
 #include "console/text.h"
 
 namespace console {
@@ -15,23 +16,6 @@ using nlohmann::ordered_json;
 using State = Verdict::State;
 
 constexpr size_t kMostNamed = 10;
-
-std::string textOf(const json &object, const char *key) {
-  auto at = object.find(key);
-  return at != object.end() && at->is_string() ? at->get<std::string>() : "";
-}
-int64_t numberOf(const json &object, const char *key) {
-  auto at = object.find(key);
-  return at != object.end() && at->is_number_integer() ? at->get<int64_t>() : 0;
-}
-uint64_t countOf(const json &object, const char *key) {
-  auto at = object.find(key);
-  return at != object.end() && at->is_number_unsigned() ? at->get<uint64_t>() : 0;
-}
-bool truthOf(const json &object, const char *key) {
-  auto at = object.find(key);
-  return at != object.end() && at->is_boolean() && at->get<bool>();
-}
 
 std::vector<const json *> objectsOf(const json &object, const char *key) {
   std::vector<const json *> list;

@@ -130,12 +130,7 @@ class TemporaryJob {
   }
 
   bool lives(int64_t pid) {
-    nlohmann::json list =
-        nlohmann::json::parse(connection_->ask("HOST ps json").text, nullptr, false);
-    if (!list.is_array()) return true;
-    return std::any_of(list.begin(), list.end(), [&](const nlohmann::json &each) {
-      return each.is_object() && each.value("pid", nlohmann::json()) == pid;
-    });
+    return isListed(connection_->ask("HOST ps json").text, pid).value_or(true);
   }
 
   void demandIdle() {

@@ -193,11 +193,9 @@ SentRecord lastRun(Connection &connection, const std::string &number) {
 
 void demandEnd(const MulticastRunOptions &options, Connection &connection, const SentRecord &sent) {
   if (sent.state != "running") return;
-  nlohmann::json list = nlohmann::json::parse(connection.ask("HOST ps json").text, nullptr, false);
-  for (const nlohmann::json &each : list.is_array() ? list : nlohmann::json::array())
-    if (each.is_object() && each.value("pid", nlohmann::json()) == sent.pid)
-      throw Failure(Exit::failed, "job " + options.number + " is still being sent",
-                    "Wait for its end: zul multicast result " + options.number);
+  if (isListed(connection.ask("HOST ps json").text, sent.pid).value_or(false))
+    throw Failure(Exit::failed, "job " + options.number + " is still being sent",
+                  "Wait for its end: zul multicast result " + options.number);
 }
 
 Exit retry(const MulticastRunOptions &options) {

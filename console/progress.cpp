@@ -2,8 +2,10 @@
 // been cut off by a full disk: what is missing or of another type reads as nothing.
 #include "console/progress.h"
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
+#include "console/fields.h"
 #include "console/text.h"
 
 namespace console {
@@ -16,39 +18,19 @@ using nlohmann::json;
 // jobs end before anybody can look.
 constexpr int64_t kJustEnded = 10;
 
-std::string textOf(const json &object, const char *name) {
-  auto member = object.find(name);
-  return member != object.end() && member->is_string() ? member->get<std::string>() : "";
-}
-
-int64_t numberOf(const json &object, const char *name, int64_t otherwise) {
-  auto member = object.find(name);
-  if (member == object.end() || !member->is_number()) return otherwise;
-  if (member->is_number_float()) {
-    double value = member->get<double>();
-    return value > -9e18 && value < 9e18 ? static_cast<int64_t>(value) : otherwise;
-  }
-  return member->get<int64_t>();
-}
-
-uint64_t amountOf(const json &object, const char *name) {
-  int64_t value = numberOf(object, name, 0);
-  return value > 0 ? static_cast<uint64_t>(value) : 0;
-}
-
 std::optional<uint64_t> foldersOf(const json &object) {
   if (!object.contains("folders")) return std::nullopt;
-  return amountOf(object, "folders");
+  return countOf(object, "folders");
 }
 
 HostProgress hostOf(const json &object) {
   HostProgress host;
   host.host = textOf(object, "host");
   host.state = textOf(object, "state");
-  host.files = amountOf(object, "files");
+  host.files = countOf(object, "files");
   host.folders = foldersOf(object);
-  host.bytes = amountOf(object, "bytes");
-  host.rate = amountOf(object, "rate");
+  host.bytes = countOf(object, "bytes");
+  host.rate = countOf(object, "rate");
   host.error = textOf(object, "error");
   return host;
 }
@@ -60,31 +42,31 @@ std::optional<Progress> parseProgress(const std::string &text) {
   if (!object.is_object()) return std::nullopt;
   Progress progress;
   progress.kind = textOf(object, "kind");
-  progress.job = numberOf(object, "job", 0);
+  progress.job = numberOf(object, "job");
   progress.name = textOf(object, "name");
-  progress.pid = numberOf(object, "pid", 0);
+  progress.pid = numberOf(object, "pid");
   progress.state = textOf(object, "state");
-  progress.started = numberOf(object, "started", 0);
-  progress.updated = numberOf(object, "updated", 0);
-  progress.ended = numberOf(object, "ended", 0);
+  progress.started = numberOf(object, "started");
+  progress.updated = numberOf(object, "updated");
+  progress.ended = numberOf(object, "ended");
   progress.drive = numberOf(object, "drive", -1);
   progress.tape = numberOf(object, "tape", -1);
   progress.volume = numberOf(object, "volume", -1);
   progress.level = numberOf(object, "level", -1);
-  progress.files = amountOf(object, "files");
+  progress.files = countOf(object, "files");
   progress.folders = foldersOf(object);
-  progress.bytes = amountOf(object, "bytes");
-  progress.rate = amountOf(object, "rate");
-  progress.expectedBytes = amountOf(object, "expectedBytes");
-  progress.packages = amountOf(object, "packages");
-  progress.wantedPackages = amountOf(object, "wantedPackages");
-  progress.failed = amountOf(object, "failed");
-  progress.missing = amountOf(object, "missing");
-  progress.problems = amountOf(object, "problems");
+  progress.bytes = countOf(object, "bytes");
+  progress.rate = countOf(object, "rate");
+  progress.expectedBytes = countOf(object, "expectedBytes");
+  progress.packages = countOf(object, "packages");
+  progress.wantedPackages = countOf(object, "wantedPackages");
+  progress.failed = countOf(object, "failed");
+  progress.missing = countOf(object, "missing");
+  progress.problems = countOf(object, "problems");
   std::string target = textOf(object, "host"), folder = textOf(object, "destination");
   if (!target.empty()) progress.name = "to " + target + ":" + folder;
   if (object.contains("result") && object["result"].is_number())
-    progress.result = numberOf(object, "result", 0);
+    progress.result = numberOf(object, "result");
   progress.error = textOf(object, "error");
   if (object.contains("hosts") && object["hosts"].is_array())
     for (const json &host : object["hosts"])
@@ -116,6 +98,14 @@ bool isWanted(const Progress &progress, const RunWanted &wanted) {
   if (wanted.since) return progress.started >= *wanted.since;
   if (progress.running()) return true;
   return progress.ended >= wanted.begun - kJustEnded;
+}
+
+std::optional<bool> isListed(const std::string &processes, int64_t pid) {
+  json list = json::parse(processes, nullptr, false);
+  if (!list.is_array()) return std::nullopt;
+  return std::any_of(list.begin(), list.end(), [&](const json &each) {
+    return each.is_object() && each.value("pid", json()) == pid;
+  });
 }
 
 int64_t secondsLeft(const Progress &progress) {

@@ -66,6 +66,9 @@ struct RunWanted {
 };
 bool isWanted(const Progress &progress, const RunWanted &wanted);
 
+// Whether a process is in the answer to "HOST ps json"; nothing when that is no list.
+std::optional<bool> isListed(const std::string &processes, int64_t pid);
+
 // Seconds until the end at the present pace, or -1 when nobody can tell.
 int64_t secondsLeft(const Progress &progress);
 

@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "console/failure.h"
+#include "console/fields.h"
 #include "console/text.h"
 
 namespace console {
@@ -31,7 +32,7 @@ std::vector<std::string> cut(const std::string &line, char separator) {
   }
 }
 
-std::optional<int> numberOf(const std::string &text, int base = 10) {
+std::optional<int> numberIn(const std::string &text, int base = 10) {
   if (text.empty() || text.size() > 11) return std::nullopt;
   char *end;
   long value = strtol(text.c_str(), &end, base);
@@ -62,7 +63,7 @@ void applyId(const std::optional<std::string> &word, const char *what, int flag,
     *policy |= flag;
     return;
   }
-  std::optional<int> number = numberOf(*word);
+  std::optional<int> number = numberIn(*word);
   if (!number || *number < 0)
     refuse("\"" + oneLine(*word) + "\" is no " + what, "Write a number, or keep.");
   *policy &= ~flag;
@@ -72,7 +73,7 @@ void applyId(const std::optional<std::string> &word, const char *what, int flag,
 // The permissions in a word, or nothing for "keep".
 std::optional<int> permissionsOf(const std::string &word) {
   if (word == "keep") return std::nullopt;
-  std::optional<int> mode = numberOf(word, 8);
+  std::optional<int> mode = numberIn(word, 8);
   if (!mode || *mode < 0 || *mode > kPermissions)
     refuse("\"" + oneLine(word) + "\" are no permissions", "Write them like 755, or keep.");
   return mode;
@@ -127,7 +128,7 @@ std::optional<RepJob> parseRepJob(const std::string &line) {
   for (size_t at = 12; at < field.size(); at++) field[11] += ":" + field[at];
   int number[9];
   for (size_t at = 0; at < 9; at++) {
-    std::optional<int> value = numberOf(field[at]);
+    std::optional<int> value = numberIn(field[at]);
     if (!value) return std::nullopt;
     number[at] = *value;
   }
@@ -197,17 +198,10 @@ std::vector<RepResult> parseResults(const std::string &text) {
   for (const std::string &line : cut(text, '\n')) {
     nlohmann::json object = nlohmann::json::parse(line, nullptr, false);
     if (!object.is_object()) continue;
-    auto words = [&](const char *name) {
-      auto member = object.find(name);
-      return member != object.end() && member->is_string() ? member->get<std::string>() : "";
-    };
-    auto amount = [&](const char *name) {
-      auto member = object.find(name);
-      bool good = member != object.end() && member->is_number_unsigned();
-      return good ? member->get<uint64_t>() : 0;
-    };
-    RepResult result{words("host"),   words("state"), words("reason"),  amount("files"),
-                     amount("bytes"), amount("kept"), amount("failed"), 0};
+    RepResult result{textOf(object, "host"),    textOf(object, "state"),
+                     textOf(object, "reason"),  countOf(object, "files"),
+                     countOf(object, "bytes"),  countOf(object, "kept"),
+                     countOf(object, "failed"), 0};
     auto seconds = object.find("seconds");
     if (seconds != object.end() && seconds->is_number()) result.seconds = seconds->get<double>();
     if (!result.host.empty()) results.push_back(result);
