@@ -8,9 +8,10 @@ import pytest
 
 from home import eventually
 from outside import Buffer, InSegment, Writing
-from test_outside_net import (CHILD_FLAGS, CONSUMED, MIB, PARENT_FLAGS, PRODUCED, Agent, Gatherer, Segment, agent,
-                              framed, fresh_network)
-from test_outside_tapes import drive, header, record, tape_files, volume_record
+from outsidehosts import agent, fresh_network  # noqa: F401 (fixtures)
+from outsidehosts import CONSUMED, MIB, PARENT_FLAGS, PRODUCED, Gatherer, Segment, framed
+from outsidetapes import drive  # noqa: F401 (fixtures)
+from outsidetapes import header, record, tape_files, volume_record
 
 # A slot's words, and where the package in its mailbox is described.
 MINE, TOTAL, DONE, PACKAGE, DESCRIPTOR = 8, 80, 84, 88, 76

@@ -8,11 +8,13 @@ import pytest
 
 from home import eventually
 from outside import Buffer, InSegment, Memory
+from outsidehosts import agent, fresh_network, pair  # noqa: F401 (fixtures)
+from outsidehosts import (CHILD_FLAGS, CONSOLE, CONSUMED, DATA, ITEMS, PARENT_FLAGS, PRODUCED, Gatherer, Segment, ask,
+                          framed, listen, take)
+from outsidetapes import drive  # noqa: F401 (a fixture)
+from outsidetapes import header, tape_files, volume_record
 from test_outside_fanout import NAMED, START, agents, fan_out, hosts_named, note
-from test_outside_job import agent, backup, job
-from test_outside_net import (CHILD_FLAGS, CONSOLE, CONSUMED, DATA, ITEMS, PARENT_FLAGS, PRODUCED, Gatherer, Segment,
-                              ask, framed, fresh_network, listen, pair, take)
-from test_outside_tapes import drive, header, tape_files, volume_record
+from test_outside_job import backup, job
 
 NO_MEMORY = 12
 BEHAVIOURS = ["classic", "sound"]
