@@ -65,11 +65,11 @@ DRIVES = ("etc/tapedevs", ["int modDrive", "4", "4:lto:/dev/y:a:b"], 8211, "Modi
 
 
 @pytest.mark.parametrize("store", [GROUPS, DRIVES], ids=["groups", "drives"])
-@pytest.mark.parametrize("function, call, lines", [("realloc", 1, 0), ("strdup", 1, 1), ("strdup", 2, 2)])
-def test_a_table_that_cannot_be_rewritten_for_want_of_memory(site, store, function, call, lines):
+@pytest.mark.parametrize("call, lines", [(1, 0), (2, 1), (3, 2)], ids=["the buffer", "a line", "the last line"])
+def test_a_table_that_cannot_be_rewritten_for_want_of_memory(site, store, call, lines):
     name, change, number, done, before, after = store
     site.write(name, before)
-    said = site.run([["state"], short(function, call), change, ["state"]])
+    said = site.run([["state"], short("memory", call), change, ["state"]])
     assert results(said) == [-1]
     assert (said.err, said.hostlog) == (f"ERROR:  {number}  Out of memory!\n", "")
     assert_nothing_is_left_open(said)
@@ -83,12 +83,13 @@ def test_a_table_that_cannot_be_rewritten_for_want_of_memory(site, store, functi
 
 
 @pytest.mark.parametrize("store", [GROUPS, DRIVES], ids=["groups", "drives"])
-def test_a_sound_table_with_a_long_line_is_changed_whole_or_not_at_all(outside, store):
+@pytest.mark.parametrize("call", [4, 5], ids=["its room", "its copy"])
+def test_a_sound_table_with_a_long_line_is_changed_whole_or_not_at_all(outside, store, call):
     name, change, number, done, before, after = store
     behave(outside, "sound")
     more = f"9:{LONG}:x:y:z:\n" if store is DRIVES else f"9:{LONG}:x\n"
     outside.write(name, before + more)
-    said = outside.run([["state"], short("realloc", 2), change, ["state"], plenty("realloc"), change])
+    said = outside.run([["state"], short("memory", call), change, ["state"], plenty("memory"), change])
     assert results(said) == [-1, 0]
     assert said.err.startswith(f"ERROR:  {number}  Out of memory!\n")
     assert_nothing_is_left_open(said)
@@ -99,11 +100,11 @@ def test_a_sound_table_with_a_long_line_is_changed_whole_or_not_at_all(outside, 
 def test_the_members_of_a_group_need_memory(site):
     site.write("var/tape/jobids/group", "3:a,b:web\n")
     hosts = site.write("tmp/hosts", bytes(4096))
-    said = site.run([["state"], short("realloc"), ["int getGroupHosts", 3, Buffer(hosts)], ["state"]])
+    said = site.run([["state"], short("memory"), ["int getGroupHosts", 3, Buffer(hosts)], ["state"]])
     assert (results(said), said.err, said.hostlog) == ([-1], "ERROR:  8070  Out of memory!\n", "")
     assert_nothing_is_left_open(said)
     assert site.read("tmp/hosts") == bytes(4096)
-    said = site.run([short("realloc"), ["int getGroupHosts", 3, Buffer(hosts)], ["int getGroupHosts", 3, Buffer(hosts)]])
+    said = site.run([short("memory"), ["int getGroupHosts", 3, Buffer(hosts)], ["int getGroupHosts", 3, Buffer(hosts)]])
     assert results(said) == [-1, 0]
     assert site.read("tmp/hosts").rstrip(b"\0") == b"a,b"
 
@@ -111,7 +112,7 @@ def test_the_members_of_a_group_need_memory(site):
 def test_the_groups_of_a_host_need_memory(site):
     site.write("var/tape/jobids/group", "3:a,b:web\n4:b:db\n")
     groups = site.write("tmp/groups", bytes(128))
-    said = site.run([["state"], short("realloc"), ["int getHostGrps", "b", Buffer(groups)], ["state"],
+    said = site.run([["state"], short("memory"), ["int getHostGrps", "b", Buffer(groups)], ["state"],
                      ["int getHostGrps", "b", Buffer(groups)], ["state"]])
     assert results(said) == [-1, 2]
     assert said.err == said.hostlog == "ERROR:  8073  Out of memory!\n"
@@ -126,14 +127,14 @@ def test_a_catalog_needs_memory_for_its_texts(site):
     catalog = volume_record()
     site.write("var/tape/drive.0/tape.0/catalog", catalog)
     text = "ERROR:  8079  Cannot allocate a buffer big enough!\n"
-    said = site.run([["memory", "records", 128 * 9224], ["state"], short("malloc"),
+    said = site.run([["memory", "records", 128 * 9224], ["state"], short("memory"),
                      ["int getTapeCatlg", folder, Memory("records")], ["state"],
                      ["int getTapeCatlg", folder, Memory("records")], ["int getTapeCatlg", None, None], ["state"]])
     assert (results(said), said.err) == ([-2, 1, 0], text)
     assert_nothing_is_left_open(said)
     # The listings of operators come to the same end, with their own message behind it.
-    for function in ("malloc", "calloc"):
-        said = site.run([["state"], short(function), ["int getTapeVols", "0 0"], ["state"], plenty(function),
+    for call in (1, 2):
+        said = site.run([["state"], short("memory", call), ["int getTapeVols", "0 0"], ["state"], plenty("memory"),
                          ["int getTapeVols", "0 0"]])
         assert results(said) == [-2, 0]
         assert (said.err[:len(text)], said.out) == (text, f"Cannot read tape catalogs: {folder}\n")
@@ -146,13 +147,13 @@ def test_a_catalog_needs_memory_for_its_texts(site):
 def test_a_fan_out_without_memory_asks_nobody(site, agents, call, number):
     agents.at("127.0.1.1", "TRANSFER OK\n")
     monk = ["int minimonk", Memory("hosts"), Memory("commands"), -1]
-    lines = [*hosts_named(site, ["127.0.1.1"]), ["texts", "commands", START], ["state"], short("calloc", call), monk,
+    lines = [*hosts_named(site, ["127.0.1.1"]), ["texts", "commands", START], ["state"], short("memory", call), monk,
              ["state"]]
     said = site.run(lines)
     assert (results(said), said.err) == ([0, 1], f"ERROR:  {number}  Out of memory!\n")
     assert_nothing_is_left_open(said)
     assert agents.heard == [] and not site.exists("tmp/mrepl.jobresult.-1")
-    said = site.run([*lines, plenty("calloc"), monk])
+    said = site.run([*lines, plenty("memory"), monk])
     assert results(said) == [0, 1, 0]
     assert said.err.endswith(NAMED * 2 + note(1, 1))
     assert agents.heard == [START]
@@ -365,7 +366,7 @@ def test_a_dialogue_without_its_timer_ends_before_it_asks(site, pair, slot):
 def test_a_catalog_copy_without_memory_for_its_texts_ends_behind_its_record(drive):
     memory = Buffer(drive.write("tmp/record", volume_record()[:8200] + bytes(1024)))
     copy = ["int writeCat2Tape", "/dev/vtape/d", memory]
-    said = drive.run([["state"], short("malloc@writeCat2Tape"), copy, ["state"]])
+    said = drive.run([["state"], short("memory@writeCat2Tape"), copy, ["state"]])
     assert (results(said), said.log) == ([-3], "ERROR:  8324  Failed to allocate a write buffer.\n")
     assert_nothing_is_left_open(said)
     assert tape_files(drive.image) == [[volume_record()[:8200]]]
@@ -386,7 +387,7 @@ def run_short(job, shortage):
 
 
 def test_a_job_that_cannot_write_its_catalog_copy_ends(job, agent):
-    said = run_short(job, short("malloc@writeCat2Tape"))
+    said = run_short(job, short("memory@writeCat2Tape"))
     assert said.result == -1
     assert "ERROR:  8324  Failed to allocate a write buffer.\n" in said.log
     catalog, volume = "var/tape/drive.0/tape.0/catalog", "var/tape/drive.0/tape.0/vol.1"
