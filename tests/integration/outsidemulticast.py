@@ -119,7 +119,7 @@ def udp(address="0.0.0.0", port=0, group=None):
         if group:
             made.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
                             socket.inet_aton(group) + socket.inet_aton(HERE))
-        made.settimeout(20)
+        made.settimeout(60)
         yield made
 
 
