@@ -12,6 +12,7 @@
 
 #include "base/alarm.h"
 #include "base/log.h"
+#include "base/site.h"
 #include "net/service.h"
 #include "net/timeouts.h"
 
@@ -68,17 +69,21 @@ int mkZULagentSD(const char *host) {
     return -1;
   }
   // The alarm is left pending behind the connection, where it bounds the login too; openAgent
-  // cancels it. A socket that failed is not closed; it goes with the process.
+  // cancels it.
   alarm(static_cast<unsigned>(net::timeouts.connectS));
-  if (!net::resolveHost(host, &address)) {
+  bool connected = false;
+  if (!net::resolveHost(host, &address))
     base::print(stderr, "WARNING:  Could not resolve host name: %s\n", host);
-    sd = -1;
-  } else if (connectTo(sd, address) != 0) {
+  else if (connectTo(sd, address) != 0)
     base::print(stderr, "WARNING:  Connection to socket refused!\n");
-    sd = -1;
-  }
+  else
+    connected = true;
   sigaction(SIGALRM, &previous, nullptr);
-  return sd;
+  if (connected) return sd;
+  // Left open it goes with the process; but a job asks every host of its group, and when many are
+  // down it runs out of descriptors.
+  if (base::sound(base::Area::stream)) close(sd);
+  return -1;
 }
 
 int mkZULagentSD_nb_Real(const char *host, int msgs) {
