@@ -183,12 +183,20 @@ int readMreplJobData(MreplJobData *job, int jobid) {
   base::File file(fopen(mrepl::JobPath(jobid), "re"));
   if (!file) return -1;
   base::LineReader lines(file.get(), mrepl::kLineMost);
+  bool whole = true;
   while (lines.next()) {
     if (lines.isCommentOrBlank()) continue;
     cutControlCharacters(lines.text());
-    if (applyLine(job, lines.text()) != 0) base::print(stderr, "NOTICE: Parse error\n");
+    int result = applyLine(job, lines.text());
+    if (result != 0) base::print(stderr, "NOTICE: Parse error\n");
+    // Without one of its excludes or transforms a job sends what it must not, or to where it must
+    // not.
+    if (result == kNoMemory || result == kNoPairMemory)
+      whole = whole && !base::sound(base::Area::multicast);
   }
-  return 0;
+  if (whole && !lines.outOfMemory()) return 0;
+  cncfree(job);
+  return -1;
 }
 
 void cncfree(MreplJobData *job) {

@@ -124,12 +124,15 @@ template <typename Add>
 int readLines(const char *path, Add add) {
   base::File in(fopen(path, "re"));
   if (!in) return -1;
-  for (base::LineReader line(in.get(), base::LineReader::kNoLimit); line.next();) {
-    std::string text(line.text(), line.length());
-    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
-    if (!text.empty() && add(text.c_str()) != 0) return -2;
+  base::LineReader line(in.get(), base::LineReader::kNoLimit);
+  while (line.next()) {
+    size_t length = line.length();
+    while (length > 0 && (line.text()[length - 1] == '\n' || line.text()[length - 1] == '\r'))
+      length--;
+    line.text()[length] = '\0';
+    if (length > 0 && add(line.text()) != 0) return -2;
   }
-  return 0;
+  return line.outOfMemory() ? -2 : 0;
 }
 
 int appendTo(strNode **last, const char *text) {

@@ -102,8 +102,8 @@ ZUL_API int mrepclntstart(void);
 /* The keywords of job files in the order in which they are tried, closed by a pair of nulls. */
 ZUL_API cmdentry cmdlist[17];
 
-/* Reads a job file into a zeroed record. 0, or -1 when it cannot be opened; a line that makes no sense is
- * reported and passed over. */
+/* Reads a job file into a zeroed record. 0, or -1 when it cannot be opened, or not read whole for want of memory; a
+ * line that makes no sense is reported and passed over. */
 ZUL_API int readMreplJobData(MreplJobData *job, int jobid);
 /* Frees all texts and nodes of a record, not the record. */
 ZUL_API void cncfree(MreplJobData *job);
@@ -255,9 +255,9 @@ ZUL_API int scanDirectory(char *path, long *total, time_t since);
 ZUL_API int addToIncList(int mode, void *arg);
 /* The next path, owned by the list. 0, or -1 at the end. */
 ZUL_API int getNextFile(char **path);
-/* Appends the lines of a file to list. 0, or -1 when it cannot be read. */
+/* Appends the lines of a file to list. 0, -1 when it cannot be read, or -2 out of memory. */
 ZUL_API int readFileList(const char *path, strNode *list);
-/* Appends the lines of a file to the list that addToIncList works on. 0, or -1. */
+/* Appends the lines of a file to the list that addToIncList works on. 0, -1 or -2. */
 ZUL_API int readIncludeList(const char *path);
 
 /* --- mrepl/filelist: packing --- */
