@@ -20,6 +20,7 @@
 #include "base/store.h"
 #include "base/text.h"
 #include "tape/catalog.h"
+#include "tape/storerules.h"
 
 namespace {
 
@@ -319,5 +320,5 @@ int getVolCat(char *args) {
   // name that a tape can hold is shown.
   base::LineReader lines(in.get(), base::sound(base::Area::restore) ? kLongLine : kLineBuffer - 1);
   while (lines.next()) listLine(listing, path, lines.text());
-  return 0;
+  return stores::endListing(lines);
 }

@@ -180,7 +180,7 @@ int getTapeGroup(void) {
   }
   base::LineReader lines(table.get(), 255);
   while (lines.next()) fwrite(lines.text(), lines.length(), 1, stderr);
-  return 0;
+  return stores::endListing(lines);
 }
 
 int addTapeGroup(char *entry) {

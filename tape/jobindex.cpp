@@ -177,7 +177,7 @@ int getBackupList(const char *job) {
   if (!list) return 0;
   base::LineReader lines(list.get(), kListLine - 1);
   while (lines.next()) fwrite(lines.text(), lines.length(), 1, stderr);
-  return 0;
+  return stores::endListing(lines);
 }
 
 int addBackupList(char *args) {

@@ -10,7 +10,6 @@
 
 #include <memory>
 
-#include "base/lines.h"
 #include "base/log.h"
 #include "base/site.h"
 
@@ -100,6 +99,12 @@ size_t lineLimit(size_t classic) {
 
 int notWritten(const base::Store &store) {
   base::print(stderr, "ERROR:  Failed to update %s\n", store.path());
+  return -1;
+}
+
+int endListing(const base::LineReader &lines) {
+  if (!lines.outOfMemory()) return 0;
+  base::print(stderr, "ERROR:  Out of memory!\n");
   return -1;
 }
 

@@ -4,6 +4,7 @@
 #include <stddef.h>
 #include <stdio.h>
 
+#include "base/lines.h"
 #include "base/store.h"
 
 namespace stores {
@@ -22,6 +23,10 @@ size_t lineLimit(size_t classic);
 // Says that a store was opened but not written, where the store has no message of its own for it.
 // Always -1.
 int notWritten(const base::Store &store);
+
+// For the end of a listing: 0, or -1 when it broke off for want of memory, which is said then: a
+// part, or nothing at all, must not pass for everything.
+int endListing(const base::LineReader &lines);
 
 // One change of a table of ':'-separated lines.
 struct TableChange {

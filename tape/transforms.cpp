@@ -151,7 +151,7 @@ int getTrans(const char *job) {
     stripCtrl(lines.text());
     base::print(stderr, "%s\n", lines.text());
   }
-  return 0;
+  return stores::endListing(lines);
 }
 
 int addTrans(char *args) {
