@@ -8,12 +8,13 @@ import pytest
 
 from home import eventually
 from outside import Buffer, InSegment, Memory
+from outsidemulticast import put_job
 from outsidehosts import agent, fresh_network, pair  # noqa: F401 (fixtures)
 from outsidehosts import (CHILD_FLAGS, CONSOLE, CONSUMED, DATA, ITEMS, PARENT_FLAGS, PRODUCED, Gatherer, Segment, ask,
                           framed, listen, take)
 from outsidetapes import drive  # noqa: F401 (a fixture)
 from outsidetapes import header, tape_files, volume_record
-from test_outside_fanout import NAMED, START, agents, fan_out, hosts_named, note
+from test_outside_fanout import NAMED, START, agents, hosts_named, note
 from test_outside_job import backup, job
 
 NO_MEMORY = 12
@@ -120,6 +121,19 @@ def test_the_groups_of_a_host_need_memory(site):
     assert site.read("tmp/groups")[:8] == b"\3\0\0\0\4\0\0\0"
 
 
+@pytest.mark.parametrize("name, content, listing", [
+    ("var/tape/jobids/group", "3:a:web\n", ["int getTapeGroup"]),
+    ("var/tape/jobids/7", "/etc/\n", ["int getBackupList", "7"]),
+    ("var/tape/drive.0/tape.0/vol.1", "0:h:0:/etc/passwd\n", ["int getVolCat", "0 0 1 h /etc"]),
+], ids=["groups", "backup list", "volume"])
+def test_a_listing_without_memory_is_no_empty_one(site, name, content, listing):
+    site.write(name, content)
+    said = site.run([["state"], short("memory"), listing, ["state"], listing])
+    assert results(said) == [-1, 0]
+    assert_nothing_is_left_open(said)
+    assert said.err.startswith("ERROR:  Out of memory!\n") and len(said.err.splitlines()) == 2
+
+
 # --- catalogs ---
 
 def test_a_catalog_needs_memory_for_its_texts(site):
@@ -139,6 +153,30 @@ def test_a_catalog_needs_memory_for_its_texts(site):
         assert results(said) == [-2, 0]
         assert (said.err[:len(text)], said.out) == (text, f"Cannot read tape catalogs: {folder}\n")
         assert_nothing_is_left_open(said)
+
+
+# --- multicast jobs ---
+
+@pytest.mark.parametrize("call", [1, 2, 3, 4], ids=["the buffer", "a node", "a path", "the room for a long path"])
+def test_a_list_of_paths_is_read_whole_or_fails(outside, call):
+    path = outside.write("tmp/paths", "/a\n" + "/b" * 1000 + "\n")
+    read = ["int readFileList", path, Memory("list")]
+    said = outside.run([["memory", "list", 16], ["state"], short("memory", call), read, ["state"], plenty("memory"),
+                        ["memory", "list", 16], read])
+    assert results(said) == [-2, 0]
+    assert_nothing_is_left_open(said)
+
+
+@pytest.mark.parametrize("call", [1, 4], ids=["the buffer", "an exclude"])
+def test_a_job_is_not_taken_without_its_excludes(site, call):
+    put_job(site, 5, "Host: 127.0.0.1\nExclude: /etc/keys\nRequest: /etc/\n")
+    read = ["int mreplgetjob", 5]
+    said = site.run([["state"], short("memory", call), read, ["state"], read])
+    # A line that could not be kept counts as one that makes no sense, and classic goes on without it.
+    taken = site.behaviour == "classic" and call == 4
+    assert results(said) == [0 if taken else -1, 0]
+    assert ("ERROR:  8602 Cannot open multicast replication job: 5\n" in said.err) is not taken
+    assert_nothing_is_left_open(said)
 
 
 # --- the fan-out ---
@@ -267,6 +305,14 @@ def test_without_a_handler_for_the_alarm_no_agent_is_asked(site):
                          ["int mkZULagentSD", "127.0.0.1"]])
     assert said.results[1:3] == ["mkZULagentSD -1", "alarm 0"]
     assert (said.result >= 0, said.err) == (True, text)
+    assert_nothing_is_left_open(said)
+
+
+def test_hosts_that_are_down_cost_a_sound_job_no_descriptors(outside):
+    behave(outside, "sound")
+    said = outside.run([["state"], ["int mkZULagentSD", "127.0.0.1"], ["int mkZULagentSD", "no.such.host.invalid"],
+                        ["state"]])
+    assert results(said) == [-1, -1]
     assert_nothing_is_left_open(said)
 
 
