@@ -21,8 +21,8 @@
 #include "base/text.h"
 #include "drive/drive.h"
 #include "tape/gathermember.h"
-#include "tape/history.h"
 #include "tape/mailbox.h"
+#include "tape/reference.h"
 #include "tape/segment.h"
 
 namespace tape {
@@ -36,12 +36,10 @@ constexpr int kChildEndMs = 5000;  // for a child that has said it is done to en
 
 volatile sig_atomic_t stopAsked = 0;
 
-// A level from 1 to 9 asks for what changed since the newest completed run of a lower level. Passed
-// on as it is, it would mean seconds since 1970: everything, whatever the level.
-int referenceTime(const jobrun *job, int level) {
-  if (level >= 1 && level <= 9 && base::sound(base::Area::backup))
-    return static_cast<int>(lastLowerStart(job->rec.job, level));
-  return level;
+// A level from 1 to 9 asks for what changed since a run of a lower level. Passed on as it is, it
+// would mean seconds since 1970: everything, whatever the level.
+bool buildsOnOther(int level) {
+  return level >= 1 && level <= 9 && base::sound(base::Area::backup);
 }
 
 class GatherLoop {
@@ -50,10 +48,12 @@ class GatherLoop {
              Gathered &result)
       : vollist_(vollist),
         group_(job->rec.group),
-        run_{job->rec.job, referenceTime(job, level), tapefd, vollist ? fileno(vollist) : -1,
-             getpid()},
+        builds_(buildsOnOther(level)),
+        run_{job->rec.job, level, tapefd, vollist ? fileno(vollist) : -1, getpid()},
         progress_(progress),
-        result_(result) {}
+        result_(result) {
+    if (builds_) reference_.find(job->rec.job, level);
+  }
 
   // Names the members; false without memory.
   bool prepare(int count);
@@ -75,6 +75,8 @@ class GatherLoop {
 
   FILE *vollist_;
   int group_;
+  bool builds_;  // on the run that reference_ is
+  Reference reference_;
   GatherRun run_;
   JobProgress &progress_;
   Gathered &result_;
@@ -134,6 +136,7 @@ bool GatherLoop::startNext() {
   for (int at = 0; at < count_; at++) {
     Member &member = members_[at];
     if (member.state() != Member::State::waiting || !member.lockHost()) continue;
+    if (builds_) run_.since = reference_.sinceFor(member.slot()->host);
     if (!member.start(run_, members_.get(), count_, at)) {
       failMember(at, "no gathering process could be started");
       return true;

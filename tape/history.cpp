@@ -1,7 +1,5 @@
 // The backup history: one record per run of a backup job, kept by the tape host's job processes and
 // read by operators.
-#include "tape/history.h"
-
 #include <stdio.h>
 #include <string.h>
 #include <zul/host.h>
@@ -189,16 +187,4 @@ int dumpHostHist(char *host) {
       if (groups[i] == record.group) printRecord(record, now);
   }
   return 0;
-}
-
-time_t lastLowerStart(int job, int level) {
-  base::File in(fopen(historyPath(), "re"));
-  if (!in) return 0;
-  int64_t newest = 0;
-  histrec record;
-  // A damaged record ends the reading: an older time only saves more than is needed.
-  while (readRecord(in.get(), &record) && record.magic == PACK_MAGIC)
-    if (record.job == job && record.status == 1 && record.level < level && record.start > newest)
-      newest = record.start;
-  return newest;
 }

@@ -12,7 +12,7 @@
 
 #include "base/text.h"
 #include "fuzzhome.h"
-#include "tape/history.h"
+#include "tape/reference.h"
 
 namespace {
 
@@ -51,7 +51,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   histrec first;
   memset(&first, 0, sizeof first);
   memcpy(&first, data, size < sizeof first ? size : sizeof first);
-  lastLowerStart(first.job, first.level);
+  tape::Reference reference;
+  reference.find(first.job, first.level);
   jobrun run;
   memset(&run, 0, sizeof run);
   run.rec.job = first.job;

@@ -1,9 +1,6 @@
 // Whole backup jobs on a virtual drive, with client hosts that are played: what a job says, writes
 // and knows.
-#include <signal.h>
 #include <string.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <zul/module.h>
 
@@ -11,7 +8,6 @@
 #include <regex>
 
 #include "backuptest.h"
-#include "base/fd.h"
 #include "tape/pending.h"
 
 namespace {
@@ -159,43 +155,6 @@ TEST_F(Backup, SoundItsSegmentGoesWithIt) {
     int before = jobtest::segments();
     EXPECT_EQ(backup(), -993);
     EXPECT_EQ(jobtest::segments(), before);
-  });
-}
-
-TEST_F(Backup, SoundALevelMeansSinceTheLastRunOfALowerOne) {
-  behave("sound");
-  loadTape();
-  defineJob({"127.0.0.2"});
-  histrec run;
-  memset(&run, 0, sizeof run);
-  run.magic = PACK_MAGIC;
-  run.job = 7;
-  run.group = 3;
-  run.start = time(nullptr) - 1000;
-  run.retention = 3600;
-  run.status = 1;
-  run.kbytes = 321;
-  support::writeFile(path("var/tape/bhistory"),
-                     std::string(reinterpret_cast<char *>(&run), sizeof run));
-  alone([&] {
-    // The played agent keeps what it was asked for.
-    int port = 2345;
-    base::Fd listening(support::listenOn(port));
-    support::writeFile(path("var/tape/jobids/group"), "3:127.0.0.1:all\n");
-    pid_t job = startBackup("2");
-    std::string asked;
-    for (int at = 0; at < 2; at++) {
-      base::Fd sd(accept(listening.get(), nullptr, nullptr));
-      char bytes[4096];
-      ssize_t got = read(sd.get(), bytes, sizeof bytes - 1);
-      bytes[got < 0 ? 0 : got] = '\0';
-      asked = bytes;
-    }
-    EXPECT_EQ(asked, "TAPE server 7 " + std::to_string(run.start) + "\n");
-    // Nobody opens the data port.
-    kill(-job, SIGKILL);
-    waitpid(job, nullptr, 0);
-    EXPECT_NE(progressRecord().find("\"expectedBytes\":0,"), std::string::npos);
   });
 }
 

@@ -1,6 +1,4 @@
 // The backup history: runs that begin, end, are purged, and what survives when a change fails.
-#include "tape/history.h"
-
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -337,42 +335,6 @@ TEST_F(Listing, OfAStartThatHasNoDateShowsItsNumber) {
   all[0].start = INT64_MAX;
   writeFile(file(), std::string(reinterpret_cast<char *>(all.data()), sizeof(histrec)));
   EXPECT_EQ(listed("h1"), "7,3,4,0,1,1,2,5,0,9223372036854775807\n");
-}
-
-// --- levels ---
-
-TEST_F(History, TheReferenceOfALevelIsTheNewestCompletedRunBelowIt) {
-  EXPECT_EQ(lastLowerStart(7, 1), 0) << "without a history everything is saved";
-  struct Run {
-    int job, level, status;
-    time_t start;
-  };
-  for (const Run &run : {Run{7, 0, 1, 1000}, Run{7, 0, 1, 3000}, Run{7, 1, 1, 4000},
-                         Run{7, 0, 0, 5000}, Run{7, 0, 2, 5500}, Run{8, 0, 1, 6000}}) {
-    jobrun record = makeJob(run.job, 1000000000);
-    record.level = run.level;
-    ASSERT_EQ(updateHist(&record, run.start), 0);
-    if (run.status != 0) {
-      ASSERT_EQ(modHist(&record, run.start, run.status, 1), 0);
-    }
-  }
-  EXPECT_EQ(lastLowerStart(7, 0), 0);
-  EXPECT_EQ(lastLowerStart(7, 1), 3000);
-  EXPECT_EQ(lastLowerStart(7, 2), 4000);
-  EXPECT_EQ(lastLowerStart(8, 9), 6000);
-  EXPECT_EQ(lastLowerStart(9, 9), 0);
-}
-
-TEST_F(History, ADamagedHistoryOnlyMakesTheReferenceOlder) {
-  jobrun record = makeJob(7);
-  record.level = 0;
-  ASSERT_EQ(updateHist(&record, 1000), 0);
-  ASSERT_EQ(modHist(&record, 1000, 1, 1), 0);
-  std::string whole = readFile(file());
-  writeFile(file(), whole + std::string(sizeof(histrec), 'x') + whole);
-  EXPECT_EQ(lastLowerStart(7, 1), 1000);
-  writeFile(file(), std::string(sizeof(histrec), 'x') + whole);
-  EXPECT_EQ(lastLowerStart(7, 1), 0);
 }
 
 }  // namespace
