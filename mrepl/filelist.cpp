@@ -156,9 +156,20 @@ void buildList(MreplJobData *job) {
     base::print(fplog, "ERROR:  Out of memory: the list of files is not complete\n");
 }
 
-void applySettings(MreplJobData *job) {
+// The table of transforms has a copy of the first pair, and is empty without the memory for it.
+bool hasTransforms(const MreplJobData &job) {
+  char *from = nullptr, *to = nullptr;
+  return !job.xformList.from || (getNextXformPair(0, &from, &to) == 0 && to);
+}
+
+// False when the job's names cannot be changed as it wants.
+bool applySettings(MreplJobData *job) {
   addPrefix(1, job->prefix);
   setXformDataStruct(&job->xformList);
+  if (!hasTransforms(*job)) {
+    base::print(fplog, "ERROR:  Out of memory: the transforms of the job are not known\n");
+    return false;
+  }
   mfilehead rules{};
   rules.owner = static_cast<uint32_t>(job->userID);
   rules.group = static_cast<uint32_t>(job->groupID);
@@ -166,6 +177,7 @@ void applySettings(MreplJobData *job) {
   modifyPerms(1, &rules);
   rules.mode = static_cast<uint32_t>(job->dirPerms);
   modifyPerms(2, &rules);
+  return true;
 }
 
 }  // namespace
@@ -272,6 +284,8 @@ int dataPacker(MreplJobData *job) {
     base::storeWord(ctrl->packerState, mrepl::kEnded);
     return -1;
   }
-  applySettings(job);
+  // Under their own names the files would go over those that the job keeps them apart from. The
+  // sender notices that its packer is gone, and ends the run.
+  if (!applySettings(job)) return -1;
   return plainDataPacker(ctrl, ring);
 }

@@ -16,6 +16,7 @@ from outsidetapes import drive  # noqa: F401 (a fixture)
 from outsidetapes import header, tape_files, volume_record
 from test_outside_fanout import NAMED, START, agents, hosts_named, note
 from test_outside_job import backup, job
+from test_outside_multicast import packed
 
 NO_MEMORY = 12
 BEHAVIOURS = ["classic", "sound"]
@@ -177,6 +178,17 @@ def test_a_job_is_not_taken_without_its_excludes(site, call):
     assert results(said) == [0 if taken else -1, 0]
     assert ("ERROR:  8602 Cannot open multicast replication job: 5\n" in said.err) is not taken
     assert_nothing_is_left_open(said)
+
+
+@pytest.mark.parametrize("call", [1, 2], ids=["from", "to"])
+def test_without_memory_for_its_transforms_a_job_packs_nothing(site, call):
+    path = site.write("tmp/file", "x")
+    job = f"Request: {path}\nXform: {path} /moved\n"
+    said, _, slots = packed(site, job, before=[short("memory@setXformDataStruct", call)])
+    assert said.results[3] == "dataPacker -1" and len(slots) <= 1
+    assert said.hostlog == "ERROR:  Out of memory: the transforms of the job are not known\n"
+    said, _, slots = packed(site, job)
+    assert said.results[3] == "dataPacker 0" and any(b"/moved\0" in slot for slot in slots)
 
 
 # --- the fan-out ---
