@@ -256,6 +256,38 @@ def test_a_child_leaves_when_its_parent_says_stop(outside, agent, slot):
     assert (said.status, said.results, gatherer.heard) == (0, [], [])
 
 
+class BusyGatherer(Gatherer):
+    """Belongs to an earlier job: turns its first visitor away, as often as it is told."""
+
+    def __init__(self, refusals, files):
+        self.refusals = refusals
+        super().__init__(files)
+
+    def serve(self):
+        for _ in range(self.refusals):
+            sd, _ = self.listener.accept()
+            with sd, sd.makefile("rb") as lines:
+                self.heard.append(lines.readline().decode())
+        super().serve()
+
+
+@pytest.mark.parametrize("refusals, flags", [(1, 8), (2, 16)])
+def test_a_child_that_is_turned_away_tries_once_more(outside, agent, slot, refusals, flags):
+    outside.write("etc/ZULsite", "behaviour = sound\npause.parent-poll = 10ms\n")
+    os.chmod(outside.path("etc/ZULsite"), 0o600)
+    outside.write("tmp/ipc.127.0.0.1", "")
+    gatherer = BusyGatherer(refusals, [framed(b"/f", b"x")])
+    slot.set(PARENT_FLAGS, 1)
+    started = start_child(outside, slot)
+    packages = take_packages(slot, outside, started[0])
+    outside.finish(started)
+    gatherer.close()
+    log = outside.text("var/tape/jobids/127.0.0.1.stat")
+    assert log.count("NOTICE:  The gatherer has closed at once, trying once more\n") == 1
+    assert (slot.get(CHILD_FLAGS), len(packages)) == (flags, 2 - refusals)
+    assert gatherer.heard[:2] == ["Job 7 0\n"] * 2
+
+
 @pytest.mark.parametrize("mailbox, text", [
     (False, "ERROR:  3203  Unable to open FIFO\n"),
     (True, "ERROR:  3208  Connection to socket refused!\nERROR:  3204  Unable to open socket to client\n"),
