@@ -15,6 +15,7 @@
 
 #include "base/pause.h"
 #include "console/commands.h"
+#include "console/interrupt.h"
 #include "console/screen.h"
 #include "console/text.h"
 
@@ -25,6 +26,7 @@ namespace {
 constexpr int kLookMs = 250;
 constexpr int kReconnectMs = 30000;
 constexpr int kTotalEveryMs = 10000;  // of lines in a pipe
+constexpr int kSilentMs = 2000;       // longest without a word about what is waited for
 constexpr int kStaleSeconds = 3;      // a record this old makes us ask whether its process is there
 
 // Shows records one way or another.
@@ -153,6 +155,17 @@ class Watcher {
   std::unique_ptr<Connection> connection_;
 };
 
+std::string runText(const FollowOptions &options) {
+  return options.kind + (options.job.empty() ? "" : " " + options.job);
+}
+
+// The command that shows the run again.
+std::string followText(const FollowOptions &options) {
+  if (options.job.empty()) return "zul follow " + options.kind;
+  return std::string("zul follow ") + (options.kind == "replication" ? "--replication " : "") +
+         options.job;
+}
+
 std::string describeRecord(const std::optional<Progress> &record) {
   if (!record) return "there is no record of any run";
   return "the last one started " + timeText(record->started) +
@@ -197,7 +210,8 @@ class Follower {
   // first record.
   Progress waitForRun() {
     std::optional<Progress> record;
-    for (long long deadline = base::nowMs() + options_.waitSeconds * 1000LL;;) {
+    long long begun = base::nowMs(), deadline = begun + options_.waitSeconds * 1000LL;
+    for (bool told = false;;) {
       record = watcher_.look(path_);
       // Without a wish for a certain run, one that died long ago is not taken for a new one.
       bool sure = wanted_.since || wanted_.previous;
@@ -205,13 +219,17 @@ class Follower {
           (sure || !record->running() || watcher_.isAlive(path_, record->pid)))
         return *record;
       if (base::nowMs() >= deadline) break;
+      if (!told && base::nowMs() - begun >= kSilentMs) {
+        told = true;
+        printErr("waiting up to " + std::to_string(options_.waitSeconds) + " s for a run of " +
+                 runText(options_) + " to begin\n");
+      }
       base::sleepMs(kLookMs);
     }
     if (record && record->running() && isWanted(*record, wanted_)) gone(*record);
     throw Failure(Exit::failed,
-                  "no run of " + options_.kind + (options_.job.empty() ? "" : " " + options_.job) +
-                      " appeared within " + std::to_string(options_.waitSeconds) + " s; " +
-                      describeRecord(record),
+                  "no run of " + runText(options_) + " appeared within " +
+                      std::to_string(options_.waitSeconds) + " s; " + describeRecord(record),
                   "If it was requested, its status file may say why it did not start: zul get " +
                       statusPath());
   }
@@ -265,6 +283,8 @@ FollowOptions prepareFollow(const Target &target, const std::string &kind, const
 }
 
 Exit followJob(const FollowOptions &options) {
+  InterruptNote note(runText(options) +
+                     " is left alone; to see how far it is: " + followText(options));
   return Follower(options).run();
 }
 

@@ -10,6 +10,7 @@
 #include "console/manyhosts.h"
 #include "console/replication.h"
 #include "console/text.h"
+#include "console/usage.h"
 
 // The drive code is written for a process that hosts the module and finds the home through these.
 char ZULhome[256];
@@ -155,7 +156,7 @@ void addRequests(CLI::App &app, CommandLine &line) {
                           });
   request->add_option("line", line.request.line, "The request, quoted")->required();
   request->add_flag("--follow", line.request.follow,
-                    "Of a backup or replication: follow the job it starts");
+                    "Of a backup, restore, verify or replicate: follow the job it starts");
   request
       ->add_option("--upload", line.request.upload,
                    "File with the lines that the request asks for (-: standard input)")
@@ -229,6 +230,7 @@ void addReports(CLI::App &app, CommandLine &line) {
   follow
       ->add_option("--wait", line.follow.waitSeconds,
                    "How long to wait for the run to appear (30 s)")
+      ->option_text("SECONDS")
       ->check(CLI::Range(0, 86400));
 
   struct Report {
@@ -290,7 +292,9 @@ void addTapes(CLI::App &app, CommandLine &line) {
       ->type_name("DIR");
   restore
       ->add_option("--conflict", line.restore.conflict,
-                   "What is done about a file that is there already (keep-both)")
+                   "A file that is there already: keep-both (default), if-different, always, "
+                   "if-newer, never")
+      ->option_text("HOW")
       ->check(CLI::IsMember({"keep-both", "if-different", "always", "if-newer", "never"}));
   restore->add_flag("--all", line.restore.all, "Everything of that host");
   restore->add_flag("--yes", line.restore.yes, "Do not ask");
@@ -363,9 +367,10 @@ void addUsers(CLI::App &app, CommandLine &line) {
   CLI::App *addCommand =
       add(*users, "add", "Add an operator, or give one a new password", "", line,
           [&line] { return addUser(localHome(line), line.user, line.role, line.newPasswordFile); });
-  addCommand->add_option("name", line.user)->required();
+  addCommand->add_option("name", line.user, "The name to log in with")->required();
   addCommand
       ->add_option("--role", line.role, "operator (default), or viewer: may look and not change")
+      ->option_text("ROLE")
       ->check(CLI::IsMember({"operator", "viewer"}));
   addCommand
       ->add_option("--new-password-file", line.newPasswordFile,
@@ -373,7 +378,7 @@ void addUsers(CLI::App &app, CommandLine &line) {
       ->type_name("FILE");
   CLI::App *del = add(*users, "del", "Remove an operator", "", line,
                       [&line] { return removeUser(localHome(line), line.user); });
-  del->add_option("name", line.user)->required();
+  del->add_option("name", line.user, "The operator's name")->required();
   add(*users, "list", "Show all operators and their roles", "", line,
       [&line] { return listUsers(localHome(line)); });
 }
@@ -415,8 +420,10 @@ void addEverything(CLI::App &app, CommandLine &line) {
   addTapes(app, line);
   addVtape(app, line);
   addUsers(app, line);
-  addReplication(app, [&line] { return targetOf(line); }, line.run);
-  addManyHosts(app, [&line] { return targetOf(line); }, line.run);
+  addReplication(
+      app, [&line] { return targetOf(line); }, line.run);
+  addManyHosts(
+      app, [&line] { return targetOf(line); }, line.run);
   addKey(app, line);
   app.footer(
       "First steps:\n"
@@ -432,11 +439,12 @@ int runCommandLine(int argc, char **argv) {
   CommandLine line;
   addEverything(app, line);
   try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError &error) {
-    return static_cast<int>(app.exit(error) == 0 ? Exit::done : Exit::usage);
-  }
-  try {
+    try {
+      app.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+      if (error.get_exit_code() == 0) return app.exit(error);  // --help and --version
+      throw usageFailure(app, error);
+    }
     Exit status = line.run();
     if (!finishOut()) throw Failure(Exit::failed, "standard output did not take everything");
     return static_cast<int>(status);

@@ -148,6 +148,7 @@ void addManyHosts(CLI::App &app, const std::function<Target()> &target,
   fanout
       ->add_option("--timeout", words->fanout.timeoutSeconds,
                    "How long a host may be silent behind its login (300 s)")
+      ->option_text("SECONDS")
       ->check(CLI::Range(1, 86400));
   fanout->add_flag("--json", words->fanout.json, "One object a host, then one with the sums");
   CLI::App *multicast = app.add_subcommand("multicast", "Replication to many hosts at once");

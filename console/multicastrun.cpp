@@ -9,6 +9,7 @@
 
 #include "base/pause.h"
 #include "console/commands.h"
+#include "console/interrupt.h"
 #include "console/text.h"
 #include "console/volume.h"
 
@@ -97,6 +98,9 @@ SentRecord startRun(const MulticastRunOptions &options) {
     return sent && (!before || !sent->sameRun(*before));
   };
   RunView view(options.json);
+  InterruptNote note("the run of job " + options.number +
+                     " is left alone; to see what became of it: zul multicast result " +
+                     options.number);
   LineCutter cutter([&](std::string_view line) {
     std::string news = newsOf(line);
     if (news.empty()) return;

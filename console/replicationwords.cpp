@@ -30,6 +30,7 @@ CLI::App *add(CLI::App &app, const char *name, const char *what, const char *mor
 void addNumber(CLI::App *command, int *number) {
   command->add_option("job", *number, "The job's number")
       ->required()
+      ->option_text("NUMBER REQUIRED")
       ->check(CLI::Range(0, INT32_MAX));
 }
 
@@ -54,16 +55,17 @@ void addJobWords(CLI::App *command, const Shared &words) {
       ->add_option("--conflict", said.conflict,
                    "What happens to a file that is there: keep-both, if-different (default), "
                    "always, if-newer, never")
+      ->option_text("HOW")
       ->check(CLI::IsMember({"keep-both", "if-different", "always", "if-newer", "never"}));
   command
       ->add_option("--owner", said.owner, "keep (default), or the number of the user who gets all")
       ->check(idProblem)
-      ->type_name("UID");
+      ->option_text("UID");
   command
       ->add_option("--owner-group", said.ownerGroup,
                    "keep (default), or the number of the group that gets all")
       ->check(idProblem)
-      ->type_name("GID");
+      ->option_text("GID");
   command
       ->add_option("--dir-mode", said.directoryMode,
                    "keep (default), or permissions of all directories, like 755")
@@ -94,18 +96,25 @@ void addJobs(CLI::App &app, const Shared &words) {
       "  zul repjob add 5 --group 3 --to / --name web /srv/www\n"
       "  zul repjob change 5 --conflict always --owner 33 --owner-group 33\n"
       "  zul repjob list");
-  CLI::App *make = add(*jobs, "add", "Make a job", "", words, [](Words &chosen) {
-    chosen.job.target = chosen.target();
-    return addRepJob(chosen.job);
-  });
+  CLI::App *make =
+      add(*jobs, "add", "Make a job",
+          "Below \"--to\" files have their whole names: with --to / they go where they "
+          "are here.\n\n"
+          "Example:\n  zul repjob add 5 --group 3 --to / --name web /srv/www",
+          words, [](Words &chosen) {
+            chosen.job.target = chosen.target();
+            return addRepJob(chosen.job);
+          });
   addJobWords(make, words);
   make->get_option("--group")->required();
   make->get_option("--to")->required();
-  CLI::App *change =
-      add(*jobs, "change", "Change what is said, and leave the rest", "", words, [](Words &chosen) {
-        chosen.job.target = chosen.target();
-        return changeRepJob(chosen.job);
-      });
+  CLI::App *change = add(*jobs, "change", "Change what is said, and leave the rest",
+                         "Paths are added to those that the job has.\n\n"
+                         "Example:\n  zul repjob change 5 --conflict always /srv/ftp",
+                         words, [](Words &chosen) {
+                           chosen.job.target = chosen.target();
+                           return changeRepJob(chosen.job);
+                         });
   addJobWords(change, words);
   CLI::App *list = add(*jobs, "list", "Show all jobs", "", words, [](Words &chosen) {
     chosen.job.target = chosen.target();

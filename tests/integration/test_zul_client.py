@@ -1,5 +1,6 @@
 """zul against a played daemon: what it sends, what it prints, its exit statuses."""
 import json
+import signal
 import subprocess
 import threading
 import time
@@ -159,7 +160,36 @@ def test_the_home_comes_from_the_environment_too(daemon):
                                    ["follow", "dream"], ["vtape", "make", "x", "--size", "8X"],
                                    ["--host", "h", "down"]])
 def test_a_wrong_command_line_is_exit_status_2(words):
-    assert zul("--home", "/nonexistent", *words).returncode == 2
+    done = zul("--home", "/nonexistent", *words)
+    assert (done.returncode, done.stdout) == (2, "")
+    # One sentence, and what to do about it.
+    what, hint = done.stderr.splitlines()
+    assert what.startswith("zul: ") and hint.startswith("     ")
+
+
+@pytest.mark.parametrize("words,what,hint", [
+    (["inti"], 'zul has no command "inti"', 'Did you mean "init"?'),
+    (["multi", "run", "5"], 'zul has no command "multi"', 'Did you mean "multicast"?'),
+    (["vtape", "laod", "x"], 'zul vtape has no command "laod"', 'Did you mean "load"?'),
+    (["vtape"], "zul vtape needs a command: make, drive, load", "See: zul vtape --help"),
+    (["restore", "--josb", "7", "/etc"], "zul restore has no option --josb", 'Did you mean "--job"?'),
+    (["init", "--sise", "3"], "zul init has no option --sise", 'Did you mean "--size"?'),
+    (["init", "--hoem=/x"], "zul init has no option --hoem=/x", 'Did you mean "--home"?'),
+    (["init", "extra"], 'zul init has no use for "extra"', "See: zul init --help"),
+    (["request", "TAPE", "get"], 'zul request has no use for "get"', "zul request 'TAPE get drives'"),
+    (["users", "add"], "zul users add: name is required", "See: zul users add --help"),
+    (["restore", "--conflict", "alway"], "--conflict: alway not in {", "See: zul restore --help"),
+    (["quite", "wrong"], 'zul has no command "quite"', "     See: zul --help\n"),
+])
+def test_a_wrong_word_is_named_with_the_one_that_was_meant(words, what, hint):
+    done = zul(*words)
+    assert done.returncode == 2 and what in done.stderr and hint in done.stderr
+
+
+def test_the_help_speaks_no_language_of_programmers():
+    for words in (["restore"], ["follow"], ["fanout"], ["repjob", "add"], ["users", "add"], ["replicate"]):
+        text = zul(*words, "--help").stdout
+        assert "INT:" not in text and "TEXT:" not in text and "REQUIRED          \n" not in text, text
 
 
 # --- files ---
@@ -216,6 +246,21 @@ def test_a_running_job_is_followed_to_its_end(daemon):
     daemon.record(7, record("done"))
     assert following.wait(10) == 0
     assert "h1: running" in following.stdout.read()
+
+
+def test_ctrl_c_ends_the_watching_and_says_that_the_job_goes_on(daemon):
+    daemon.record(7, record("running"))
+    following = subprocess.Popen([ZUL, "--home", daemon.home, "follow", "7"], stdout=subprocess.PIPE,
+                                 stderr=subprocess.PIPE, text=True, env=environment())
+    eventually(lambda: len(daemon.requests) > 3)
+    following.send_signal(signal.SIGINT)
+    assert following.wait(10) == -signal.SIGINT
+    assert following.stderr.read() == "\nzul: backup 7 is left alone; to see how far it is: zul follow 7\n"
+
+
+def test_who_waits_for_a_run_is_told_so(daemon):
+    done = follow(daemon, "--wait", "3")
+    assert done.returncode == 1 and done.stderr.startswith("waiting up to 3 s for a run of backup 7 to begin\n")
 
 
 def test_json_gives_each_record_on_a_line(daemon):
