@@ -2,6 +2,9 @@
 // come from other hosts and may hold anything.
 #include "console/multicastrecords.h"
 
+#include <errno.h>
+#include <string.h>
+
 #include <algorithm>
 
 #include "console/fields.h"
@@ -63,6 +66,12 @@ std::string firstLine(const std::string &text) {
   std::string line = text.substr(0, text.find('\n'));
   size_t from = line.rfind("ERROR:", 0) == 0 ? line.find_first_not_of(' ', 6) : 0;
   return from == line.npos ? "" : line.substr(from);
+}
+
+// A host that never took part has no such file, which says all; anything else is told.
+std::string noRecordText(const std::string &why) {
+  bool none = why.find(strerror(ENOENT)) != why.npos;
+  return none ? "it has never received a run" : "it has no record: " + why;
 }
 
 // No record of this run: the receiver has not begun, or was killed before it knew which run it was
@@ -260,8 +269,7 @@ Verdict judge(const SentRecord &sent, const SentRecord::Host &host, const HostAn
   if (record)
     judgeRecord(sent, host, *record, &verdict);
   else
-    judgeAbsent(host,
-                data ? "its record cannot be read" : "it has no record: " + firstLine(answer.text),
+    judgeAbsent(host, data ? "its record cannot be read" : noRecordText(firstLine(answer.text)),
                 &verdict);
   return verdict;
 }

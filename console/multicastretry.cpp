@@ -10,6 +10,7 @@
 #include "console/commands.h"
 #include "console/multicastrepair.h"
 #include "console/multicastrun.h"
+#include "console/screen.h"
 #include "console/text.h"
 
 namespace console {
@@ -22,6 +23,7 @@ constexpr size_t kHostsText = 3000;  // of one group: it is part of a request
 constexpr int kLookMs = 250;
 constexpr int kAppearMs = 30000;
 constexpr int kStaleMs = 5000;
+constexpr int kSilentMs = 2000;  // longest without a word about a repair that takes its time
 
 volatile sig_atomic_t interrupted;
 
@@ -168,10 +170,17 @@ class TemporaryJob {
     return found;
   }
 
+  static void tell(const Progress &now) {
+    size_t done = 0;
+    for (const HostProgress &host : now.hosts) done += host.state == "done";
+    printErr("over TCP: " + totalText(now) + ", " + std::to_string(done) + " of " +
+             countText(now.hosts.size(), "host") + "\n");
+  }
+
   // False when a signal came: the replication is ended then.
   bool waitForEnd(const RunWanted &wanted) {
     std::optional<Progress> seen;
-    for (long long since = base::nowMs(), movedMs = since;;) {
+    for (long long since = base::nowMs(), movedMs = since, toldMs = since;;) {
       std::optional<Progress> now = record();
       bool ours = now && isWanted(*now, wanted);
       if (ours && !now->running()) return true;
@@ -182,6 +191,7 @@ class TemporaryJob {
       if (!ours && base::nowMs() - since > kAppearMs)
         throw Failure(Exit::failed, "the replication has not begun",
                       "Its log may say why: zul get var/tape/jobids/replicate." + name_ + ".stat");
+      if (ours && base::nowMs() - toldMs >= kSilentMs) tell(*now), toldMs = base::nowMs();
       if (ours && (!seen || now->json != seen->json)) movedMs = base::nowMs(), seen = now;
       if (ours && base::nowMs() - movedMs > kStaleMs) {
         if (!lives(now->pid)) return true;

@@ -105,7 +105,7 @@ def test_a_host_that_is_down_is_named_and_repaired_when_it_is_back(make_lab):
     nothing_temporary(site)
     down.start()
     found, hosts = table(site, "result", JOB, status=1)
-    assert states(hosts)["h3"] == "never joined"
+    assert states(hosts)["h3"] == "never joined" and hosts["h3"]["reason"] == "it has never received a run"
     table(site, "run", JOB, "--retry-failed")
     equal_trees(site)
     same(snapshot(site.tree), snapshot(site.arrived(down, site.tree)))
@@ -149,6 +149,31 @@ def test_an_interrupted_repair_leaves_nothing_behind(make_lab):
     nothing_temporary(site)
     nothing_left(site.lab.hosts, 20)
     table(site, "run", JOB, "--retry-failed")
+    equal_trees(site)
+
+
+def test_a_long_repair_says_how_far_it_is(make_lab):
+    site = prepared(make_lab, 1, absent=["h2"], count=3, big=(6 << 20,))
+    table(site, status=1)
+    site.lab[2].start()
+    # At this speed it takes 5 s at least.
+    site.sender.run("tc", "qdisc", "add", "dev", "eth0", "root", "tbf", "rate", "10mbit", "burst", "32k", "latency", "1s")
+    done = site.sender.zul("multicast", "run", JOB, "--retry-failed", "--json")
+    told = [line for line in done.stderr.splitlines() if line.startswith("over TCP: ")]
+    assert told and told[0].endswith(", 0 of 1 host") and " MiB, " in told[0], done.stderr
+    assert json.loads(done.stdout)["allComplete"]
+
+
+def test_a_run_goes_on_when_its_watcher_is_interrupted_and_says_so(make_lab):
+    site = prepared(make_lab, 1, count=5, big=(20 << 20,), lines=["Speed: 4000"])
+    run = subprocess.Popen(site.sender.command(ZUL, "--home", site.sender.home, "multicast", "run", str(JOB)),
+                           stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
+    eventually(lambda: os.path.isdir(site.arrived(site.receivers[0], site.tree)), 20, "it receives")
+    run.send_signal(signal.SIGINT)
+    said = run.communicate(timeout=30)[1]
+    assert run.returncode == -signal.SIGINT and f"zul multicast result {JOB}\n" in said, said
+    result = ["multicast", "result", JOB]
+    eventually(lambda: site.sender.zul(*result, check=False).returncode == 0, 60, "it has come to its end")
     equal_trees(site)
 
 
