@@ -22,6 +22,7 @@
 #include "console/ports.h"
 #include "console/progress.h"
 #include "console/text.h"
+#include "host/login.h"
 
 namespace console {
 
@@ -49,6 +50,9 @@ void checkHome(const std::string &home) {
   if (access((home + "/etc").c_str(), X_OK) != 0 && errno == EACCES)
     throw Failure(Exit::failed, "you may not look into " + home,
                   "Use zul as root or as the user the home belongs to.");
+  if (exists(home + "/var/tape") && !exists(home + "/.begun-by-zul-init"))
+    throw Failure(Exit::failed, home + " was a home and has lost its etc/ZULsecret",
+                  kLostSecretHint);
   throw Failure(Exit::failed, home + " is no home: it has no etc/ZULsecret",
                 "Make it one with: zul --home " + home + " init");
 }
@@ -156,6 +160,14 @@ bool waitForEnd(pid_t pid, const std::string &home) {
 
 }  // namespace
 
+// A daemon that cannot use its secret serves this machine and refuses all others.
+static void warnOfSecret(const std::string &home) {
+  login::Key key;
+  std::string why;
+  if (login::readSecret(home + "/etc/ZULsecret", key, why)) return;
+  printErr("zul: no other host can log in, nor can this one elsewhere: " + oneLine(why) + "\n");
+}
+
 Exit startDaemon(const UpOptions &options) {
   const std::string &home = options.home;
   checkHome(home);
@@ -170,6 +182,7 @@ Exit startDaemon(const UpOptions &options) {
   if (ended.status != 0) didNotStart(ended, log);
   if (!ended.text.empty()) printErr(ended.text + "\n");
   waitUntilServing(home, log);
+  warnOfSecret(home);
   printOut("The daemon of " + home + " is up, pid " + std::to_string(runningDaemon(home)) +
            ", log " + log + ".\n");
   return Exit::done;

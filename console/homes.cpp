@@ -19,6 +19,7 @@
 #include "console/commands.h"
 #include "console/places.h"
 #include "console/text.h"
+#include "drive/cartridge.h"
 #include "host/login.h"
 
 namespace console {
@@ -93,6 +94,9 @@ void checkPlace(const InitOptions &options) {
     throw Failure(Exit::failed, home + " is a home already; nothing was changed",
                   "To mend it or to bring its module up to date (tapes, tables and secret stay): "
                   "zul init --force");
+  if (!isHome(home) && !exists(home + kBegunMark) && exists(home + "/var/tape"))
+    throw Failure(Exit::failed, home + " was a home and has lost its etc/ZULsecret",
+                  kLostSecretHint);
   if (!isHome(home) && !exists(home + kBegunMark) && !isEmptyFolder(home))
     throw Failure(Exit::failed, home + " is not empty and holds no home; nothing was changed",
                   "Name a folder that is empty or does not exist yet.");
@@ -183,6 +187,10 @@ void report(const InitOptions &options) {
 Exit initHome(const InitOptions &options) {
   const std::string &home = options.home;
   checkPlace(options);
+  if (options.capacity < drive::kCapacityMin || options.capacity > drive::kCapacityMax)
+    throw Failure(Exit::usage, "no cartridge holds " + sizeText(options.capacity),
+                  "From " + sizeText(drive::kCapacityMin) + " to " + sizeText(drive::kCapacityMax) +
+                      " are possible.");
   std::string module = options.module.empty() ? findModule() : options.module;
   makeParents(home);
   bool complete = isHome(home);

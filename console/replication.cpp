@@ -115,6 +115,7 @@ void showPreview(const Preview &preview, bool json) {
 
 Exit dryRun(const ReplicateOptions &options) {
   Connection connection(options.target);
+  expectRepJob(connection, options.job);
   Preview preview;
   std::string line, complaint;
   connection.send("TAPE preview " + options.job);

@@ -135,6 +135,26 @@ def test_a_failed_init_says_what_failed_and_can_be_repeated(place, tmp_path):
     place.good("init", "--size", "1M")
 
 
+def test_a_size_that_no_cartridge_has_leaves_nothing_behind(place):
+    done = place.zul("init", "--size", "1")
+    assert done.returncode == 2 and "From 64.0 KiB to 1.0 EiB are possible." in done.stderr
+    assert not os.path.exists(place.path("etc"))
+
+
+def test_a_home_that_lost_its_secret_is_not_given_another(site):
+    os.unlink(site.path("etc/ZULsecret"))
+    for words in (["up"], ["init"], ["init", "--force"]):
+        done = site.zul(*words)
+        assert done.returncode == 1 and "has lost its etc/ZULsecret" in done.stderr, words
+        assert "Copy it from another host" in done.stderr
+
+
+def test_up_says_that_its_secret_cannot_be_used(site):
+    os.chmod(site.path("etc/ZULsecret"), 0o644)
+    done = site.zul("up")
+    assert done.returncode == 0 and "no other host can log in" in done.stderr and "chmod 600" in done.stderr
+
+
 def test_a_further_host_takes_the_secret_along(site, tmp_path, network):
     other = Site(tmp_path / "other", network)
     other.good("init", "--no-drive", "--secret", site.path("etc/ZULsecret"))
@@ -175,6 +195,12 @@ def test_a_taken_port_is_reported_with_its_holder(served, tmp_path, network):
 def test_up_of_no_home_says_how_to_make_one(place):
     done = place.zul("up")
     assert done.returncode == 1 and "init" in done.stderr
+
+
+def test_a_replication_that_is_not_there_is_answered_alike_with_and_without_dry_run(served):
+    for words in ([], ["--dry-run"], ["--follow"]):
+        done = served.zul("replicate", "4", *words)
+        assert done.returncode == 1 and "zul repjob list shows those there are" in done.stderr, words
 
 
 # --- requests and jobs ---
@@ -248,6 +274,28 @@ def test_what_cannot_be_done_with_cartridges_says_why(site, words):
     before = names(site)
     done = site.zul("vtape", *words)
     assert done.returncode == 1 and len(done.stderr) > 10 and names(site) == before
+
+
+def test_what_root_makes_in_the_home_of_another_belongs_to_that_one(tmp_path):
+    home = str(tmp_path / "home")
+
+    # Not in a namespace of our own, whose root is nobody to other users' files.
+    def good(*words):
+        done = zul("--home", home, *words)
+        assert done.returncode == 0, done.stderr
+
+    good("init", "--size", "1M")
+    owner = 65534 if os.geteuid() == 0 else os.geteuid()
+    for folder, folders, files in os.walk(home):
+        for name in (".", *folders, *files):
+            os.chown(os.path.join(folder, name), owner, -1, follow_symlinks=False)
+    good("vtape", "make", "week", "--size", "1M", "--drive", "new")
+    good("vtape", "protect", "week")
+    good("vtape", "unload", "--drive", "new")
+    for folder, folders, files in os.walk(home):
+        for name in (*folders, *files):
+            path = os.path.join(folder, name)
+            assert os.lstat(path).st_uid == owner, path
 
 
 def test_the_listing_for_people_names_drive_and_cartridge(site):
