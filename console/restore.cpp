@@ -74,6 +74,7 @@ class Restore {
 
  private:
   void chooseHost();
+  std::string whereElse();
   void checkClassic();
   void browse();
   void look();
@@ -121,8 +122,19 @@ void Restore::chooseHost() {
                   "Say whose you want: --from HOST.");
   if (std::find(hosts_.begin(), hosts_.end(), from_) == hosts_.end())
     throw Failure(Exit::failed,
-                  "the volume holds no files of " + oneLine(from_) + ", but of:" + all);
+                  "the volume holds no files of " + oneLine(from_) + ", but of:" + all,
+                  whereElse());
   to_ = options_.to.empty() ? from_ : options_.to;
+}
+
+// A host that failed in the newest run may have done well in the one before.
+std::string Restore::whereElse() {
+  std::optional<Run> run;
+  if (volume_.run) run = host_.earlierWith(*volume_.run, from_);
+  if (!run) return "\"zul request 'TAPE get hhist HOST'\" lists the runs of a host.";
+  return "The run of " + timeText(run->start) + " has them: --drive " +
+         std::to_string(run->where.drive) + " --tape " + std::to_string(run->where.tape) +
+         " --volume " + std::to_string(run->where.volume);
 }
 
 // A classic tape host takes entry numbers, and 0 for everything of the volume's first host.

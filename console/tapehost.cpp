@@ -11,6 +11,8 @@ namespace console {
 
 namespace {
 
+constexpr int kMostLooks = 30;  // at volumes, for one that holds a host: their lists may be long
+
 std::string tapeFolder(const VolumeId &id) {
   return "var/tape/drive." + std::to_string(id.drive) + "/tape." + std::to_string(id.tape) + "/";
 }
@@ -92,6 +94,26 @@ Volume TapeHost::find(const VolumeOptions &options) {
   volume.driveText = driveOf(connection_->fetch("etc/tapedevs").value_or(""), volume.id.drive);
   volume.verified = connection_->fetch(listPath(volume.id, ".verified")).value_or("");
   return volume;
+}
+
+bool TapeHost::holds(const VolumeId &id, const std::string &host) {
+  bool found = false;
+  eachLine(listPath(id), [&](std::string_view text) {
+    std::optional<ListLine> line = cutListLine(text);
+    found = found || (line && line->host == host);
+  });
+  return found;
+}
+
+std::optional<Run> TapeHost::earlierWith(const Run &than, const std::string &host) {
+  std::vector<Run> runs = parseHistory(connection_->fetch("var/tape/bhistory").value_or(""));
+  int looks = kMostLooks;
+  for (auto run = runs.rbegin(); run != runs.rend() && looks > 0; run++) {
+    if (run->job != than.job || run->status == 0 || run->start > than.start) continue;
+    looks--;
+    if (holds(run->where, host)) return *run;
+  }
+  return std::nullopt;
 }
 
 bool TapeHost::eachLine(const std::string &path,

@@ -36,6 +36,9 @@ class TapeHost {
   // The volume that is meant; a Failure when there is none.
   Volume find(const VolumeOptions &options);
 
+  // The newest run of the same job before this one whose volume holds files of a host.
+  std::optional<Run> earlierWith(const Run &than, const std::string &host);
+
   // Reads a file line by line, however long it is; false when there is none.
   bool eachLine(const std::string &path, const std::function<void(std::string_view)> &take);
   // Stores a file.
@@ -48,6 +51,7 @@ class TapeHost {
   static std::string listPath(const VolumeId &id, const char *suffix = "");
 
  private:
+  bool holds(const VolumeId &id, const std::string &host);
   VolumeId place(const VolumeOptions &options, std::optional<Run> &run);
 
   Target target_;
