@@ -8,14 +8,15 @@ import pytest
 
 from home import eventually
 from outside import Buffer, InSegment, Memory
-from outsidemulticast import put_job
 from outsidehosts import agent, fresh_network, pair  # noqa: F401 (fixtures)
 from outsidehosts import (CHILD_FLAGS, CONSOLE, CONSUMED, DATA, ITEMS, PARENT_FLAGS, PRODUCED, Gatherer, Segment, ask,
                           framed, listen, take)
+from outsidemulticast import put_job
 from outsidetapes import drive  # noqa: F401 (a fixture)
 from outsidetapes import header, tape_files, volume_record
-from test_outside_fanout import NAMED, START, agents, hosts_named, note
-from test_outside_job import backup, job
+from test_outside_fanout import agents  # noqa: F401 (a fixture)
+from test_outside_fanout import NAMED, START, hosts_named, note
+from test_outside_job import job  # noqa: F401 (a fixture)
 from test_outside_multicast import packed
 
 NO_MEMORY = 12
@@ -473,7 +474,7 @@ def test_a_job_that_cannot_have_its_shared_memory_takes_its_volume_back(job, age
 
 def assert_next_job_is_complete(job):
     gatherer = Gatherer([framed(b"/etc/a", b"x")])
-    said = backup(job)
+    said = run_short(job, plenty("memory"))
     gatherer.close()
     assert said.result == 0 and "Writing to tape number: 0\n" in said.log
     assert len(tape_files(job.image)) == 3
