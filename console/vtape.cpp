@@ -1,15 +1,20 @@
 // zul vtape: virtual drives and their cartridges, on this machine's own home. The daemon need not
 // run and is not disturbed; a drive that a job is using says so.
 #include <ctype.h>
+#include <fcntl.h>
 #include <string.h>
+#include <unistd.h>
+#include <zul/records.h>
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
+#include "base/fd.h"
 #include "console/cartridges.h"
 #include "console/commands.h"
 #include "console/places.h"
 #include "console/text.h"
+#include "console/volume.h"
 #include "drive/cartridge.h"
 
 namespace console {
@@ -88,6 +93,33 @@ void loadNew(const std::string &name, const std::string &drive) {
                       name + " --drive " + drive);
 }
 
+// What the tape calls itself: "Please insert tape 3" means this and no name on the shelf.
+struct TapeLabel {
+  int drive, tape;
+  std::string name;
+};
+
+// The first block of the image, when it is a label. It is read only, so that a job that writes the
+// tape is not disturbed.
+std::optional<TapeLabel> labelOf(const std::string &home, const std::string &cartridge) {
+  std::string path = home + "/var/vtape/shelf/" + cartridge + ".tap";
+  base::Fd image(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  tapehead head;
+  constexpr off_t kLengthBytes = 4;
+  if (!image || pread(image.get(), &head, sizeof head, kLengthBytes) != sizeof head)
+    return std::nullopt;
+  std::optional<std::string> name =
+      parseLabel(std::string_view(reinterpret_cast<const char *>(&head), sizeof head));
+  if (!name) return std::nullopt;
+  return TapeLabel{head.drive, head.tape, *name};
+}
+
+std::string labelText(const std::optional<TapeLabel> &label) {
+  if (!label) return "none";
+  return "drive " + std::to_string(label->drive) + ", tape " + std::to_string(label->tape) + ", " +
+         oneLine(label->name);
+}
+
 std::string stateOf(const drive::DriveInfo &each) {
   if (each.isBusy) return "in use by pid " + std::to_string(each.holder);
   if (each.cartridge.empty()) return "empty";
@@ -101,7 +133,7 @@ std::string pad(std::string text, size_t width) {
   return text + "  ";
 }
 
-void printList(const std::vector<drive::DriveInfo> &drives,
+void printList(const std::string &home, const std::vector<drive::DriveInfo> &drives,
                const std::vector<drive::CartridgeInfo> &cartridges) {
   size_t width = 10;
   for (const drive::DriveInfo &each : drives) width = std::max(width, each.name.size());
@@ -111,16 +143,21 @@ void printList(const std::vector<drive::DriveInfo> &drives,
     text += pad(each.name, width) + pad(each.cartridge.empty() ? "-" : each.cartridge, width) +
             stateOf(each) + "\n";
   text += "\n" + pad("CARTRIDGE", width) + pad("DRIVE", width) + pad("USED", 10) +
-          pad("CAPACITY", 10) + "\n";
+          pad("CAPACITY", 10) + "LABEL\n";
   for (const drive::CartridgeInfo &each : cartridges)
     text += pad(each.name, width) + pad(each.drive.empty() ? "-" : each.drive, width) +
             pad(sizeText(each.usedBytes), 10) +
             pad(each.capacityBytes == 0 ? "no limit" : sizeText(each.capacityBytes), 10) +
-            (each.isProtected ? "protected" : "") + "\n";
+            labelText(labelOf(home, each.name)) + (each.isProtected ? "; protected" : "") + "\n";
   printOut(text);
 }
 
-void printJson(const std::vector<drive::DriveInfo> &drives,
+nlohmann::json labelJson(const std::optional<TapeLabel> &label) {
+  if (!label) return nullptr;
+  return {{"drive", label->drive}, {"tape", label->tape}, {"name", label->name}};
+}
+
+void printJson(const std::string &home, const std::vector<drive::DriveInfo> &drives,
                const std::vector<drive::CartridgeInfo> &cartridges) {
   nlohmann::json all = {{"drives", nlohmann::json::array()},
                         {"cartridges", nlohmann::json::array()}};
@@ -137,6 +174,7 @@ void printJson(const std::vector<drive::DriveInfo> &drives,
                                  {"drive", each.drive},
                                  {"usedBytes", each.usedBytes},
                                  {"capacityBytes", each.capacityBytes},
+                                 {"label", labelJson(labelOf(home, each.name))},
                                  {"protected", each.isProtected}});
   printOut(all.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
 }
@@ -212,9 +250,9 @@ Exit listCartridges(const std::string &home, bool json) {
   std::vector<drive::DriveInfo> drives = drive::listDrives();
   std::vector<drive::CartridgeInfo> cartridges = drive::listCartridges();
   if (json)
-    printJson(drives, cartridges);
+    printJson(home, drives, cartridges);
   else
-    printList(drives, cartridges);
+    printList(home, drives, cartridges);
   return Exit::done;
 }
 

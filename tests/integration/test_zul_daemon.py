@@ -303,6 +303,22 @@ def test_the_listing_for_people_names_drive_and_cartridge(site):
     assert re.search(r"vtape0 +first +ready", text) and re.search(r"first +vtape0 .* 64\.0 MiB", text)
 
 
+def test_the_listing_tells_the_labels_by_which_tapes_are_asked_for(served):
+    served.good("vtape", "make", "blank", "--size", "1M")
+    served.good("request", "TAPE add tape 0:0:0:0:week three")
+    text = served.good("vtape", "list")
+    assert re.search(r"^first .*  drive 0, tape 0, week three$", text, re.M), text
+    assert re.search(r"^blank .*  none$", text, re.M), text
+    cartridges = json.loads(served.good("vtape", "list", "--json"))["cartridges"]
+    assert [each["label"] for each in cartridges] == [None, {"drive": 0, "tape": 0, "name": "week three"}]
+    # An image that another program made, or that is cut off, has none.
+    with open(served.path("var/vtape/shelf/blank.tap"), "wb") as image:
+        image.write(b"\x05\0\0\0hello")
+    served.good("vtape", "protect", "first")
+    text = served.good("vtape", "list")
+    assert re.search(r"^blank .*  none$", text, re.M) and "week three; protected\n" in text
+
+
 # --- operators of other machines ---
 
 @pytest.fixture
