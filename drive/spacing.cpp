@@ -53,17 +53,37 @@ static int jumpMarks(Handle &handle, int count) {
   return skipped;
 }
 
+// Behind the record ahead; -1 where none can be read.
+static int passNext(State &state, image::Walk &walk, image::Record *record) {
+  *record = walk.next();
+  state.offset = walk.offset();
+  if (record->kind == image::Kind::end) return stopAtEnd(state);
+  if (record->kind == image::Kind::damage) return stopAtDamage(state);
+  return 0;
+}
+
+// In front of the record behind us; -1 where none can be read.
+static int passBack(Handle &handle, image::Record *record) {
+  State &state = *handle.state;
+  *record = image::lookBack(handle.image, state.offset);
+  if (record->kind == image::Kind::damage) return stopAtDamage(state);
+  if (record->kind == image::Kind::end) {
+    standAtBeginning(state);
+    return fail(EIO);
+  }
+  state.offset = record->next;
+  state.passed = Passed::data;
+  return 0;
+}
+
 // Behind the count-th mark from here.
 static int forwardMarks(Handle &handle, int count) {
   State &state = *handle.state;
   if (count == 0) return 0;
   count -= jumpMarks(handle, count);
   image::Walk walk(handle.image, state.offset);
-  while (count > 0) {
-    image::Record record = walk.next();
-    state.offset = walk.offset();
-    if (record.kind == image::Kind::end) return stopAtEnd(state);
-    if (record.kind == image::Kind::damage) return stopAtDamage(state);
+  for (image::Record record; count > 0;) {
+    if (passNext(state, walk, &record) != 0) return -1;
     if (record.kind == image::Kind::mark) {
       addMark(handle.marks, state.fileNo, state.offset);
       passMarks(state, 1);
@@ -76,16 +96,9 @@ static int forwardMarks(Handle &handle, int count) {
 // In front of the count-th mark behind us.
 static int backMarks(Handle &handle, int count) {
   State &state = *handle.state;
-  while (count > 0) {
-    image::Record record = image::lookBack(handle.image, state.offset);
-    if (record.kind == image::Kind::damage) return stopAtDamage(state);
-    if (record.kind == image::Kind::end) {
-      standAtBeginning(state);
-      return fail(EIO);
-    }
-    state.offset = record.next;
+  for (image::Record record; count > 0;) {
+    if (passBack(handle, &record) != 0) return -1;
     state.blockNo = -1;
-    state.passed = Passed::data;
     if (record.kind != image::Kind::mark) continue;
     if (state.fileNo > 0) state.fileNo--;
     count--;
@@ -97,11 +110,8 @@ static int backMarks(Handle &handle, int count) {
 static int forwardBlocks(Handle &handle, int count) {
   State &state = *handle.state;
   image::Walk walk(handle.image, state.offset);
-  for (; count > 0; count--) {
-    image::Record record = walk.next();
-    state.offset = walk.offset();
-    if (record.kind == image::Kind::end) return stopAtEnd(state);
-    if (record.kind == image::Kind::damage) return stopAtDamage(state);
+  for (image::Record record; count > 0; count--) {
+    if (passNext(state, walk, &record) != 0) return -1;
     if (record.kind == image::Kind::mark) {
       passMarks(state, 1);
       return fail(EIO);
@@ -114,15 +124,8 @@ static int forwardBlocks(Handle &handle, int count) {
 // Back over count blocks; a mark ends it, in front of the mark.
 static int backBlocks(Handle &handle, int count) {
   State &state = *handle.state;
-  for (; count > 0; count--) {
-    image::Record record = image::lookBack(handle.image, state.offset);
-    if (record.kind == image::Kind::damage) return stopAtDamage(state);
-    if (record.kind == image::Kind::end) {
-      standAtBeginning(state);
-      return fail(EIO);
-    }
-    state.offset = record.next;
-    state.passed = Passed::data;
+  for (image::Record record; count > 0; count--) {
+    if (passBack(handle, &record) != 0) return -1;
     if (record.kind == image::Kind::mark) {
       if (state.fileNo > 0) state.fileNo--;
       state.blockNo = -1;
