@@ -5,8 +5,10 @@
 
 #include <filesystem>
 
+#include "goldenbytes.h"
 #include "support.h"
 
+using support::hex;
 using support::readFile;
 using support::writeFile;
 
@@ -14,35 +16,22 @@ namespace {
 
 class Golden : public support::HomeTest {};
 
-std::string bytes(const char *hex) {
-  std::string result;
-  for (const char *at = hex; *at;) {
-    if (*at == ' ') {
-      at++;
-      continue;
-    }
-    result += static_cast<char>(std::stoi(std::string(at, 2), nullptr, 16));
-    at += 2;
-  }
-  return result;
-}
-
 // A run of job 258 (0x102), group 3, begun at 1700000000, kept for -2 seconds, on drive 4, tape 5,
 // volume 7, at level 9; field by field as the page on lists gives them.
 std::string record(const char *kbytes, const char *status) {
-  return bytes("214c755a") +           // magic: "ZuL!" backwards
-         bytes("00000000") +           // reserved
-         bytes("02010000") +           // job
-         bytes("03000000") +           // group
-         bytes("00f15365 00000000") +  // start
-         bytes("feffffff ffffffff") +  // retention
-         bytes(kbytes) +               //
-         bytes(status) +               //
-         bytes("04000000") +           // drive
-         bytes("05000000") +           // tape
-         bytes("07000000") +           // volume
-         bytes("09000000") +           // level
-         std::string(124, '\0');       // reserved
+  return hex("214c755a") +           // magic: "ZuL!" backwards
+         hex("00000000") +           // reserved
+         hex("02010000") +           // job
+         hex("03000000") +           // group
+         hex("00f15365 00000000") +  // start
+         hex("feffffff ffffffff") +  // retention
+         hex(kbytes) +               //
+         hex(status) +               //
+         hex("04000000") +           // drive
+         hex("05000000") +           // tape
+         hex("07000000") +           // volume
+         hex("09000000") +           // level
+         std::string(124, '\0');     // reserved
 }
 
 jobrun job258() {

@@ -3,22 +3,12 @@
 #include <string.h>
 #include <zul/mrepl.h>
 
+#include "goldenbytes.h"
 #include "support.h"
 
-namespace {
+using support::hex;
 
-std::string bytes(const char *hex) {
-  std::string result;
-  for (const char *at = hex; *at;) {
-    if (*at == ' ') {
-      at++;
-      continue;
-    }
-    result += static_cast<char>(std::stoi(std::string(at, 2), nullptr, 16));
-    at += 2;
-  }
-  return result;
-}
+namespace {
 
 std::string name(const std::string &path) {
   return path + std::string(256 - path.size(), '\0');
@@ -26,16 +16,16 @@ std::string name(const std::string &path) {
 
 // What the three steps leave alone stands here once.
 std::string header(const std::string &path, const char *type, const char *owned) {
-  return bytes("64456846") +           // "dEhF"
-         name(path) +                  //
-         bytes("000000") +             // reserved
-         bytes(type) +                 //
-         bytes(owned) +                // owner, group, mode
-         bytes("00000000") +           // reserved
-         bytes("6553f100 00000000") +  // modified 1700000000
-         bytes("6553f101 00000000") +  // read a second later
-         bytes("00000102 00000000") +  // 258 bytes
-         bytes("00000000") +           // no device
+  return hex("64456846") +           // "dEhF"
+         name(path) +                //
+         hex("000000") +             // reserved
+         hex(type) +                 //
+         hex(owned) +                // owner, group, mode
+         hex("00000000") +           // reserved
+         hex("6553f100 00000000") +  // modified 1700000000
+         hex("6553f101 00000000") +  // read a second later
+         hex("00000102 00000000") +  // 258 bytes
+         hex("00000000") +           // no device
          std::string(28, '\0');
 }
 

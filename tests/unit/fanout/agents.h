@@ -60,6 +60,8 @@ class Peer {
 
 using Play = std::function<void(Peer &)>;
 
+constexpr int kConsole = 2345;
+
 class Agents {
  public:
   ~Agents() {
@@ -78,12 +80,12 @@ class Agents {
 
   // An agent at address; it is there when this returns.
   void at(const std::string &address, Play play) {
-    int sd = listenAt(address, 64);
+    int sd = support::listenAt(address, kConsole);
     threads_.emplace_back([this, sd, play] { serve(sd, play); });
   }
   // An address that takes no connection and refuses none.
   void blackHole(const std::string &address) {
-    holes_.emplace_back(listenAt(address, 0));
+    holes_.emplace_back(support::listenAt(address, kConsole, 0));
     // Connections that nobody accepts fill the queue; the kernel drops what comes then.
     for (int count = 0; count < 3; count++) {
       holes_.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
@@ -105,17 +107,9 @@ class Agents {
   static sockaddr_in addressOf(const std::string &address) {
     sockaddr_in at{};
     at.sin_family = AF_INET;
-    at.sin_port = htons(2345);
+    at.sin_port = htons(kConsole);
     inet_pton(AF_INET, address.c_str(), &at.sin_addr);
     return at;
-  }
-  static int listenAt(const std::string &address, int backlog) {
-    int sd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), on = 1;
-    setsockopt(sd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    sockaddr_in at = addressOf(address);
-    EXPECT_EQ(bind(sd, reinterpret_cast<sockaddr *>(&at), sizeof at), 0) << address;
-    EXPECT_EQ(listen(sd, backlog), 0) << address;
-    return sd;
   }
   void serve(int listener, const Play &play) {
     base::Fd owner(listener);

@@ -12,16 +12,17 @@
 
 using fanout_test::note;
 using fanout_test::Peer;
+using support::eventually;
 using support::exitOf;
 using support::hostPlay;
 using support::inChild;
 
 // The name service, which knows nothing of names that begin so, and takes its time over it.
-static int slowLookUpMs;
+static void (*slowLookUp)();
 
 extern "C" hostent *gethostbyname(const char *name) {
   if (strncmp(name, "slow", 4) == 0) {
-    base::sleepMs(slowLookUpMs);
+    slowLookUp();
     h_errno = HOST_NOT_FOUND;
     return nullptr;
   }
@@ -271,11 +272,26 @@ TEST_P(EitherMinimonk, HalfALineOrNoneHoldsUpNobody) {
   EXPECT_LT(results().find(".1.3 Ok"), results().find(".1.1 No_Response"));
 }
 
+// In a process that hangs: until the one good host is done, or for so long that it was in the way.
+bool goodHostIsDone() {
+  return support::readFile(std::string(ZULhome) + "/tmp/mrepl.jobresult.-1").find(".4.40 Ok") !=
+         std::string::npos;
+}
+void hangForTheGoodHost() {
+  eventually(goodHostIsDone, 8000);
+}
+
 // A login that waits for a word of the agent, as the real one does.
 int patientLogin(int sd) {
-  pollfd wait = {sd, POLLIN, 0};
   char byte;
-  return poll(&wait, 1, 700) == 1 && recv(sd, &byte, 1, 0) == 1 ? 0 : -1;
+  bool spoken = false;
+  eventually(
+      [&] {
+        spoken = recv(sd, &byte, 1, MSG_DONTWAIT) == 1;
+        return spoken || goodHostIsDone();
+      },
+      8000);
+  return spoken ? 0 : -1;
 }
 
 TEST_F(Minimonk, HangingLoginsCostTheOthersNothingWhereTheyHaveProcesses) {
@@ -291,9 +307,7 @@ TEST_F(Minimonk, HangingLoginsCostTheOthersNothingWhereTheyHaveProcesses) {
     peer.say("+");
     accepts(peer);
   });
-  long long begun = base::nowMs();
   std::string said = run(hosts);
-  EXPECT_LT(base::nowMs() - begun, 5000) << "one after the other they would take half a minute";
   EXPECT_TRUE(has(said, note(1, 40)));
   EXPECT_LT(results().find(".4.40 Ok"), results().find("Bad_Pass"));
   EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "no process is left";
@@ -313,14 +327,12 @@ TEST_F(Minimonk, ALoginProcessThatNeverEndsIsEnded) {
 
 TEST_F(Minimonk, HangingLookUpsCostTheOthersNothingWhereTheyHaveProcesses) {
   soundSite();
-  slowLookUpMs = 700;
+  slowLookUp = hangForTheGoodHost;
   std::vector<std::string> hosts;
   for (int number = 1; number <= 39; number++) hosts.push_back("slow" + std::to_string(number));
   hosts.push_back("127.0.4.40");
   agents.at(hosts.back(), accepts);
-  long long begun = base::nowMs();
   std::string said = run(hosts);
-  EXPECT_LT(base::nowMs() - begun, 5000) << "one after the other they would take half a minute";
   EXPECT_TRUE(has(said, note(1, 40)));
   EXPECT_TRUE(has(said, "Host[slow7]  Could not resolve host name: slow7\n"));
   EXPECT_TRUE(has(said, "Host[slow7]  ERROR:  7015  Cannot connect to remote host.\n"));
@@ -332,7 +344,7 @@ TEST_F(Minimonk, HangingLookUpsCostTheOthersNothingWhereTheyHaveProcesses) {
 TEST_F(Minimonk, ALookUpThatNeverEndsIsEnded) {
   soundSite();
   fanout::limits.connectMs = 300;
-  slowLookUpMs = 60000;
+  slowLookUp = [] { base::sleepMs(60000); };
   agents.at("127.0.1.1", accepts);
   EXPECT_TRUE(has(run({"slow", "127.0.1.1"}), "Host[slow]  Host did not respond.\n" + note(1, 2)));
   EXPECT_TRUE(resultHas("Host slow No_Response: "));

@@ -4,8 +4,7 @@
 #include <zul/module.h>
 #include <zul/tape.h>
 
-#include "base/text.h"
-#include "support.h"
+#include "fronttest.h"
 
 using support::captureStderr;
 using support::exists;
@@ -13,20 +12,12 @@ using support::readFile;
 
 namespace {
 
-class Requests : public support::HomeTest {
+class Requests : public RequestTest {
  protected:
-  int run(const std::string &line) {
-    char buffer[4096];
-    base::copyText(buffer, sizeof buffer, line.c_str());
-    int result = 0;
-    said = captureStderr([&] { result = tapetool(buffer); });
-    return result;
-  }
   void expect(const std::string &line, int result, const std::string &text) {
     EXPECT_EQ(run(line), result) << line;
     EXPECT_EQ(said, text) << line;
   }
-  std::string said;
 };
 
 TEST_F(Requests, GetWithoutArgumentListsStores) {

@@ -12,8 +12,7 @@
 
 #include <thread>
 
-#include "base/text.h"
-#include "support.h"
+#include "fronttest.h"
 
 using support::captureStderr;
 using support::eventually;
@@ -24,30 +23,19 @@ using support::readFile;
 
 namespace {
 
-class TapeTool : public support::HomeTest {
+class TapeTool : public RequestTest {
  protected:
-  // Runs one request here and returns its result; what it printed is in said.
-  int run(const std::string &line) {
-    char buffer[4096];
-    base::copyText(buffer, sizeof buffer, line.c_str());
-    int result = 0;
-    said = captureStderr([&] { result = tapetool(buffer); });
-    return result;
-  }
   // Runs one request in a process of its own, as a host does; the exit status.
   int runAway(const std::string &line) {
     std::string file = path("tmp/.stderr");
     int status = inChild([&] {
       (void)!freopen(file.c_str(), "w", stderr);
       setvbuf(stderr, nullptr, _IONBF, 0);
-      char buffer[4096];
-      base::copyText(buffer, sizeof buffer, line.c_str());
-      return tapetool(buffer);
+      return request(line);
     });
     said = readFile(file);
     return exitOf(status);
   }
-  std::string said;
 };
 
 TEST_F(TapeTool, OpensAndTruncatesTheStatusLogOnEveryCall) {

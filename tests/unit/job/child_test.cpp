@@ -23,21 +23,9 @@ using jobtest::File;
 
 constexpr const char *kHost = "127.0.0.2";
 
-class Child : public jobtest::JobTest {
+class Child : public jobtest::SlotTest {
  protected:
-  void SetUp() override {
-    JobTest::SetUp();
-    tpgetShMemPtr(-1);
-    tpshmid = tpmkShMem(IPC_SHM_SIZE);
-    slot = tape::findSlot(0);
-    strcpy(slot->host, kHost);
-  }
-  void TearDown() override {
-    shmctl(tpshmid, IPC_RMID, nullptr);
-    tpgetShMemPtr(-1);
-    tpshmid = -1;
-    JobTest::TearDown();
-  }
+  Child() : SlotTest(kHost) {}
 
   pid_t startChild() {
     fflush(nullptr);
@@ -60,8 +48,6 @@ class Child : public jobtest::JobTest {
   }
   std::string log() const { return hostLogOf(kHost); }
   bool logged(const std::string &text) const { return log().find(text) != std::string::npos; }
-
-  ipc *slot = nullptr;
 };
 
 TEST_F(Child, GathersItsHostAndSaysSo) {

@@ -1,7 +1,6 @@
 // Plays the client hosts of the job tests, in child processes, and reads back what a job left on
 // tape. Runs in the tests' processes.
 #include <arpa/inet.h>
-#include <errno.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -12,13 +11,16 @@
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <zul/module.h>
 
 #include <sstream>
 
 #include "base/pause.h"
+#include "base/text.h"
 #include "drive/cartridge.h"
 #include "drive/drive.h"
 #include "jobtest.h"
+#include "tape/segment.h"
 
 namespace jobtest {
 
@@ -54,16 +56,6 @@ static void sendAll(int sd, const std::string &bytes) {
   }
 }
 
-static std::string receiveLine(int sd) {
-  std::string line;
-  char c;
-  while (recv(sd, &c, 1, 0) == 1) {
-    line += c;
-    if (c == '\n') break;
-  }
-  return line;
-}
-
 // Hosts of one job have names of their own: "client2" plays on 127.0.0.2.
 static void nameByAddress(int sd, std::vector<File> &files) {
   sockaddr_in own{};
@@ -78,7 +70,7 @@ static void nameByAddress(int sd, std::vector<File> &files) {
 void serveFiles(int sd, std::vector<File> files, std::string *heard) {
   nameByAddress(sd, files);
   size_t next = 0;
-  for (std::string line; !(line = receiveLine(sd)).empty();) {
+  for (std::string line; !(line = support::receiveLine(sd)).empty();) {
     if (heard) *heard += line;
     if (line == "Next\n" && next == files.size()) {
       std::string end(PACK_SIZE, '\0');
@@ -92,28 +84,16 @@ void serveFiles(int sd, std::vector<File> files, std::string *heard) {
   }
 }
 
-static int listenAt(const std::string &address, int port) {
-  int sd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  int on = 1;
-  setsockopt(sd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  sockaddr_in at{};
-  at.sin_family = AF_INET;
-  at.sin_port = htons(static_cast<uint16_t>(port));
-  inet_pton(AF_INET, address.c_str(), &at.sin_addr);
-  if (bind(sd, reinterpret_cast<sockaddr *>(&at), sizeof at) != 0 || listen(sd, 64) != 0) abort();
-  return sd;
-}
-
 static void playClient(int console, const std::string &address, const Client::Play &play) {
   for (;;) {
     base::Fd sd(accept(console, nullptr, nullptr));
-    std::string line = receiveLine(sd.get());
+    std::string line = support::receiveLine(sd.get());
     if (line.rfind("TAPE rsync", 0) == 0) {
-      while (!(line = receiveLine(sd.get())).empty() && line != "TRANSFER OK\n") {
+      while (!(line = support::receiveLine(sd.get())).empty() && line != "TRANSFER OK\n") {
       }
       sendAll(sd.get(), play.storesList ? "ZuL_DoNe. 0\n" : "ZuL_DoNe. 1\n");
     } else if (line.rfind("TAPE server", 0) == 0 && play.listens) {
-      base::Fd data(listenAt(address, 2346));
+      base::Fd data(support::listenAt(address, 2346));
       sd.reset();
       base::Fd peer(accept(data.get(), nullptr, nullptr));
       int on = 1;
@@ -127,7 +107,7 @@ static void playClient(int console, const std::string &address, const Client::Pl
 }
 
 Client::Client(const std::string &address, const Play &play) {
-  int console = listenAt(address, 2345);
+  int console = support::listenAt(address, 2345);
   fflush(nullptr);
   pid_ = fork();
   if (pid_ == 0) {
@@ -143,15 +123,6 @@ Client::Client(const std::string &address, const std::vector<File> &files)
 Client::~Client() {
   kill(pid_, SIGKILL);
   waitpid(pid_, nullptr, 0);
-}
-
-std::string pattern(size_t size, unsigned seed) {
-  std::string bytes(size, '\0');
-  for (char &byte : bytes) {
-    seed = seed * 1103515245 + 12345;
-    byte = static_cast<char>(seed >> 16 | 1);
-  }
-  return bytes;
 }
 
 void JobTest::SetUp() {
@@ -208,19 +179,7 @@ pid_t JobTest::startBackup(const std::string &level) {
 }
 
 int JobTest::awaitBackup(pid_t pid, int limitSeconds) {
-  int status = 0;
-  bool ended = support::eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; },
-                                   limitSeconds * 1000);
-  if (!ended) {
-    ADD_FAILURE() << "the job still runs after " << limitSeconds << " s:\n" << jobLog();
-    kill(-pid, SIGKILL);
-    waitpid(pid, &status, 0);
-    return 12345;
-  }
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    return 54321;
-  }
-  return atoi(support::readFile(path("tmp/result")).c_str());
+  return support::resultOf(pid, path("tmp/result"), limitSeconds, [this] { return jobLog(); });
 }
 
 int JobTest::backup(const std::string &level) {
@@ -261,6 +220,22 @@ Tape JobTest::readTape() const {
   return tape;
 }
 
+void SlotTest::SetUp() {
+  JobTest::SetUp();
+  tpgetShMemPtr(-1);
+  tpshmid = tpmkShMem(IPC_SHM_SIZE);
+  slot = tape::findSlot(0);
+  ASSERT_NE(slot, nullptr);
+  base::copyText(slot->host, sizeof slot->host, host_);
+}
+
+void SlotTest::TearDown() {
+  shmctl(tpshmid, IPC_RMID, nullptr);
+  tpgetShMemPtr(-1);
+  tpshmid = -1;
+  JobTest::TearDown();
+}
+
 std::vector<Package> packages(const std::vector<std::string> &blocks) {
   std::vector<Package> all;
   uint64_t wanted = 0;
@@ -294,12 +269,6 @@ std::string contents(const std::vector<Package> &all, const std::string &name) {
     bytes += one.data;
   }
   return bytes;
-}
-
-int count(const std::string &text, const std::string &part) {
-  int found = 0;
-  for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; at += part.size()) found++;
-  return found;
 }
 
 int segments() {

@@ -14,6 +14,9 @@
 
 namespace jobtest {
 
+using support::count;
+using support::pattern;
+
 // A file as a played gatherer serves it.
 struct File {
   std::string name;
@@ -49,9 +52,6 @@ class Client {
  private:
   pid_t pid_ = -1;
 };
-
-// A blocks' worth of bytes that differ from place to place.
-std::string pattern(size_t size, unsigned seed = 1);
 
 // A tape as it was written: for each tape file its blocks.
 using Tape = std::vector<std::vector<std::string>>;
@@ -98,11 +98,22 @@ class JobTest : public support::HomeTest {
   const char *device = "/dev/vtape/d1";
 };
 
+// One host's slot in a segment of its own, as the processes of a job share it.
+class SlotTest : public JobTest {
+ protected:
+  explicit SlotTest(const char *host) : host_(host) {}
+  void SetUp() override;
+  void TearDown() override;
+  ipc *slot = nullptr;
+
+ private:
+  const char *host_;
+};
+
 // The packages of a data file in their order; a failure of the test when it is none.
 std::vector<Package> packages(const std::vector<std::string> &blocks);
 // The contents of one file, put together from its packages.
 std::string contents(const std::vector<Package> &all, const std::string &name);
-int count(const std::string &text, const std::string &part);
 // How many segments of the system are this user's and unattached leftovers or in use.
 int segments();
 

@@ -17,15 +17,11 @@ namespace {
 
 using jobtest::File;
 
-class Mailbox : public jobtest::JobTest {
+class Mailbox : public jobtest::SlotTest {
  protected:
+  Mailbox() : SlotTest("alpha") {}
   void SetUp() override {
-    JobTest::SetUp();
-    tpgetShMemPtr(-1);
-    tpshmid = tpmkShMem(IPC_SHM_SIZE);
-    slot = tape::findSlot(0);
-    ASSERT_NE(slot, nullptr);
-    strcpy(slot->host, "alpha");
+    SlotTest::SetUp();
     ASSERT_EQ(mkFIFO(0, 4711), 0);
     // A socket of packets keeps the blocks apart, as a tape does.
     int ends[2];
@@ -38,10 +34,7 @@ class Mailbox : public jobtest::JobTest {
   void TearDown() override {
     fclose(list);
     if (slot->fd >= 0) close(slot->fd);
-    shmctl(tpshmid, IPC_RMID, nullptr);
-    tpgetShMemPtr(-1);
-    tpshmid = -1;
-    JobTest::TearDown();
+    SlotTest::TearDown();
   }
 
   // What the gathering child does: the package into the mailbox, its header into the slot.
@@ -66,7 +59,6 @@ class Mailbox : public jobtest::JobTest {
     return support::readFile(path("tmp/list"));
   }
 
-  ipc *slot = nullptr;
   base::Fd tapeIn, tapeOut;
   FILE *list = nullptr;
 };

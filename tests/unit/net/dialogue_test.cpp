@@ -89,7 +89,7 @@ TEST_P(DialogueBoth, CommandsAreKnownByTheirFirstLetters) {
   offer({file});
   Gatherer gatherer(home, list);
   gatherer.say("Nextfile\n");
-  EXPECT_EQ(netsupport::unpacked(netsupport::readBytes(gatherer.sd(), PACK_SIZE)).size, 8u);
+  EXPECT_EQ(netsupport::unpacked(support::readBytes(gatherer.sd(), PACK_SIZE)).size, 8u);
   gatherer.say("Getaway\n");
   EXPECT_EQ(netsupport::readFramed(gatherer.sd(), 8).contents, "contents");
   gatherer.say("Quitter\n");
@@ -157,7 +157,7 @@ TEST_P(DialogueBoth, GetBeforeAnyNextIsAnsweredAsMissing) {
   offer({file});
   Gatherer gatherer(home, list);
   gatherer.say("Get\n");
-  package header = netsupport::unpacked(netsupport::readBytes(gatherer.sd(), PACK_SIZE));
+  package header = netsupport::unpacked(support::readBytes(gatherer.sd(), PACK_SIZE));
   EXPECT_EQ(header.type, 5);
   EXPECT_EQ(netsupport::name(header), "");
   EXPECT_EQ(gatherer.next().size, 8u);
@@ -358,7 +358,7 @@ TEST_P(DialogueBoth, APeerThatLeavesInsideAFileEndsOnlyThatFile) {
   Gatherer gatherer(home, list);
   gatherer.next();
   gatherer.say("Get\n");
-  netsupport::readBytes(gatherer.sd(), 5000);
+  support::readBytes(gatherer.sd(), 5000);
   gatherer.hangUp();
   EXPECT_EQ(gatherer.result(), std::string(GetParam()) == "sound" ? -8 : -7);
   EXPECT_NE(statusLog().find("Write to tape server failed on " + file), std::string::npos);
@@ -399,7 +399,7 @@ TEST_F(Dialogue, AFileThatVanishesAfterNextIsSentAsMissing) {
   EXPECT_EQ(gatherer.next().size, 8u);
   unlink(file.c_str());
   gatherer.say("Get\n");
-  EXPECT_EQ(netsupport::unpacked(netsupport::readBytes(gatherer.sd(), PACK_SIZE)).type, 5);
+  EXPECT_EQ(netsupport::unpacked(support::readBytes(gatherer.sd(), PACK_SIZE)).type, 5);
   gatherer.say("Quit\n");
   EXPECT_EQ(gatherer.result(), 0);
   EXPECT_TRUE(gatherer.atEnd());
@@ -412,8 +412,8 @@ TEST_F(Dialogue, AFileThatGrowsAfterNextIsSentAsItIs) {
   EXPECT_EQ(gatherer.next().size, 8u);
   support::writeFile(file, "more contents");
   gatherer.say("Get\n");
-  EXPECT_EQ(netsupport::unpacked(netsupport::readBytes(gatherer.sd(), PACK_SIZE)).size, 13u);
-  EXPECT_EQ(netsupport::readBytes(gatherer.sd(), 13), "more contents");
+  EXPECT_EQ(netsupport::unpacked(support::readBytes(gatherer.sd(), PACK_SIZE)).size, 13u);
+  EXPECT_EQ(support::readBytes(gatherer.sd(), 13), "more contents");
   gatherer.say("Quit\n");
   EXPECT_EQ(gatherer.result(), 0);
 }
@@ -480,7 +480,7 @@ TEST_F(SoundDialogue, AGrowingListIsFollowedToItsEnd) {
   gatherer.say("Next\n");
   base::sleepMs(100);
   append("1 " + path("tmp/") + "\n");
-  EXPECT_EQ(netsupport::unpacked(netsupport::readBytes(gatherer.sd(), PACK_SIZE)).type, 1);
+  EXPECT_EQ(netsupport::unpacked(support::readBytes(gatherer.sd(), PACK_SIZE)).type, 1);
   append("end\n");
   EXPECT_EQ(gatherer.next().magic, PACK_EOL_MAGIC);
   EXPECT_EQ(gatherer.result(), 0);
@@ -567,7 +567,7 @@ TEST_F(SoundDialogue, AGeneratorAtWorkIsNoStepThatHangs) {
   gatherer.say("Next\n");
   base::sleepMs(1800);
   append("end\n");
-  EXPECT_EQ(netsupport::unpacked(netsupport::readBytes(gatherer.sd(), PACK_SIZE)).magic,
+  EXPECT_EQ(netsupport::unpacked(support::readBytes(gatherer.sd(), PACK_SIZE)).magic,
             PACK_EOL_MAGIC);
   EXPECT_EQ(gatherer.result(), 0);
 }

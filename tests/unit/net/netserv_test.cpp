@@ -140,7 +140,7 @@ void serve(const std::function<void(int)> &talk, const std::function<void(int)> 
 
 std::string nextName(int sd) {
   EXPECT_EQ(write(sd, "Next\n", 5), 5);
-  package header = netsupport::unpacked(netsupport::readBytes(sd, PACK_SIZE));
+  package header = netsupport::unpacked(support::readBytes(sd, PACK_SIZE));
   return header.magic == PACK_EOL_MAGIC ? "end" : netsupport::name(header);
 }
 

@@ -1,4 +1,5 @@
-// The helpers declared in netsupport.h, for the tests of the network layer; the gatherer runs in a child here.
+// The helpers declared in netsupport.h, for the tests of the network layer; the gatherer runs in a
+// child here.
 #include "netsupport.h"
 
 #include <arpa/inet.h>
@@ -41,15 +42,6 @@ std::string readAll(int fd) {
   return text;
 }
 
-std::string readBytes(int fd, size_t count) {
-  std::string text(count, '\0');
-  size_t at = 0;
-  for (ssize_t got; at < count && (got = read(fd, text.data() + at, count - at)) > 0;)
-    at += static_cast<size_t>(got);
-  text.resize(at);
-  return text;
-}
-
 package unpacked(const std::string &raw) {
   package header{};
   EXPECT_EQ(raw.size(), static_cast<size_t>(PACK_SIZE));
@@ -67,9 +59,9 @@ Framed readFramed(int fd, uint64_t announced) {
   Framed framed;
   uint64_t left = announced;
   for (bool more = true; more;) {
-    framed.headers.push_back(unpacked(readBytes(fd, PACK_SIZE)));
+    framed.headers.push_back(unpacked(support::readBytes(fd, PACK_SIZE)));
     uint64_t chunk = left < PACK_CHUNK ? left : PACK_CHUNK;
-    framed.contents += readBytes(fd, chunk);
+    framed.contents += support::readBytes(fd, chunk);
     left -= chunk;
     more = chunk == PACK_CHUNK;
   }
@@ -128,7 +120,7 @@ void Gatherer::say(const std::string &line) {
 
 std::string Gatherer::rawNext() {
   say("Next\n");
-  return readBytes(sd(), PACK_SIZE);
+  return support::readBytes(sd(), PACK_SIZE);
 }
 
 package Gatherer::next() {

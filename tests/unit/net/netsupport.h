@@ -29,8 +29,7 @@ struct Pair {
   Pair();
 };
 
-std::string readAll(int fd);                  // to the end of the stream
-std::string readBytes(int fd, size_t count);  // fewer only at the end
+std::string readAll(int fd);  // to the end of the stream
 package unpacked(const std::string &raw);
 // Without the leftover text of a text field's end.
 std::string name(const package &header);

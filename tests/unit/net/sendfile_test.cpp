@@ -21,13 +21,7 @@ namespace {
 
 using netsupport::Framed;
 using netsupport::Pair;
-
-std::string pattern(size_t bytes) {
-  std::string text(bytes, '\0');
-  for (size_t at = 0; at < bytes; at++)
-    text[at] = static_cast<char>(at * 7 + at / 251 + at / 65521);
-  return text;
-}
+using support::pattern;
 
 class SendFile : public netsupport::NetTest {
  protected:

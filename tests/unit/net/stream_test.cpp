@@ -22,14 +22,9 @@ namespace {
 
 using netsupport::Pair;
 using netsupport::readAll;
+using support::pattern;
 
 class Stream : public netsupport::NetTest {};
-
-std::string pattern(size_t bytes) {
-  std::string text(bytes, '\0');
-  for (size_t at = 0; at < bytes; at++) text[at] = static_cast<char>(at * 7 + at / 251);
-  return text;
-}
 
 // Lowered elsewhere in these tests; installed peers count on them.
 TEST_F(Stream, TheLimitsOfSilenceAreTheseLengths) {

@@ -1,8 +1,5 @@
 // Plays target hosts for the replication tests, in child processes. Runs in the tests' processes.
-#include <arpa/inet.h>
-#include <errno.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/prctl.h>
@@ -56,47 +53,10 @@ std::string endOfList() {
   return packed(end);
 }
 
-std::string pattern(size_t size, unsigned seed) {
-  std::string bytes(size, '\0');
-  for (char &byte : bytes) {
-    seed = seed * 1103515245 + 12345;
-    byte = static_cast<char>(seed >> 16 | 1);
-  }
-  return bytes;
-}
-
-int count(const std::string &text, const std::string &part) {
-  int found = 0;
-  for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; at += part.size()) found++;
-  return found;
-}
-
-static int listenAt(const std::string &address, int port) {
-  int sd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  int on = 1;
-  setsockopt(sd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  sockaddr_in at{};
-  at.sin_family = AF_INET;
-  at.sin_port = htons(static_cast<uint16_t>(port));
-  inet_pton(AF_INET, address.c_str(), &at.sin_addr);
-  if (bind(sd, reinterpret_cast<sockaddr *>(&at), sizeof at) != 0 || listen(sd, 64) != 0) abort();
-  return sd;
-}
-
-static std::string receiveLine(int sd) {
-  std::string line;
-  char c;
-  while (recv(sd, &c, 1, 0) == 1) {
-    line += c;
-    if (c == '\n') break;
-  }
-  return line;
-}
-
 // One request of the sending host.
 static void playRequest(int sd, const std::string &address, const std::string &folder,
                         const TargetHost::Play &play) {
-  std::string line = receiveLine(sd);
+  std::string line = support::receiveLine(sd);
   int log = open((folder + "/" + address + ".asked").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
   (void)!write(log, line.data(), line.size());
   close(log);
@@ -114,7 +74,7 @@ static void playRequest(int sd, const std::string &address, const std::string &f
     snprintf(destination, sizeof destination, "%s", play.destination.c_str());
   int status = 1;
   if (play.listens) {
-    int listening = listenAt(address, ZULSRV_PORT);
+    int listening = support::listenAt(address, ZULSRV_PORT);
     // The receiver's complaints go to the console, as an agent relays them.
     dup2(sd, 0);
     dup2(sd, 2);
@@ -131,7 +91,7 @@ static void playRequest(int sd, const std::string &address, const std::string &f
 }
 
 TargetHost::TargetHost(const std::string &address, const std::string &folder, const Play &play) {
-  int console = listenAt(address, ZUL_PORT);
+  int console = support::listenAt(address, ZUL_PORT);
   fflush(nullptr);
   pid_ = fork();
   if (pid_ != 0) {
@@ -212,20 +172,8 @@ pid_t ReplicationTest::start(const std::string &job) {
 }
 
 int ReplicationTest::await(pid_t pid, int limitSeconds) {
-  int status = 0;
-  bool ended = support::eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; },
-                                   limitSeconds * 1000);
-  if (!ended) {
-    ADD_FAILURE() << "the job still runs after " << limitSeconds << " s:\n" << jobLog();
-    kill(-pid, SIGKILL);
-    waitpid(pid, &status, 0);
-    return 12345;
-  }
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    ADD_FAILURE() << "wait status " << status << ": " << console();
-    return 54321;
-  }
-  return atoi(support::readFile(path("tmp/result")).c_str());
+  return support::resultOf(pid, path("tmp/result"), limitSeconds,
+                           [this] { return jobLog() + console(); });
 }
 
 int ReplicationTest::run(const std::string &job, int limitSeconds) {

@@ -15,13 +15,14 @@
 
 namespace repltest {
 
+using support::count;
+using support::pattern;
+
 package headerOf(const std::string &name, int type, uint64_t size = 0, int sequence = 0);
 std::string packed(package header);
 // A file as it stands on a stream; the last header of a file of whole megabytes may be left out.
 std::string framed(const package &header, const std::string &data, bool trailing = true);
 std::string endOfList();
-std::string pattern(size_t size, unsigned seed = 1);
-int count(const std::string &text, const std::string &part);
 
 // A target host in a child process. Its agent answers "TAPE repclnt" as told, and the receiver
 // behind it is the real one, on the data port of its own address, unless another is given.

@@ -12,7 +12,7 @@ struct Piece {
   std::string bytes;
 };
 
-// "5a 75 4C" as the three bytes.
+// "5a 75 4C", or "5a754C", as the three bytes.
 inline std::string hex(const char *digits) {
   std::string bytes;
   for (; *digits != '\0'; digits += digits[2] == ' ' ? 3 : 2) {

@@ -150,6 +150,38 @@ bool eventually(const std::function<bool()> &condition, int limitMs) {
   }
 }
 
+std::string pattern(size_t size, unsigned seed) {
+  std::string bytes(size, '\0');
+  for (char &byte : bytes) {
+    seed = seed * 1103515245 + 12345;
+    byte = static_cast<char>(seed >> 16);
+  }
+  return bytes;
+}
+
+int count(const std::string &text, const std::string &part) {
+  int found = 0;
+  for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; at += part.size()) found++;
+  return found;
+}
+
+int resultOf(pid_t child, const std::string &file, int limitSeconds,
+             const std::function<std::string()> &log) {
+  constexpr int kKilled = 12345, kBadEnd = 54321;
+  int status = 0;
+  if (!eventually([&] { return waitpid(child, &status, WNOHANG) == child; }, limitSeconds * 1000)) {
+    ADD_FAILURE() << "the job still runs after " << limitSeconds << " s:\n" << log();
+    kill(-child, SIGKILL);
+    waitpid(child, &status, 0);
+    return kKilled;
+  }
+  if (exitOf(status) != 0) {
+    ADD_FAILURE() << "the job has ended by " << exitOf(status) << ":\n" << log();
+    return kBadEnd;
+  }
+  return atoi(readFile(file).c_str());
+}
+
 int listenOn(int &port) {
   int sd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   int on = 1;
@@ -168,6 +200,19 @@ int listenOn(int &port) {
   return sd;
 }
 
+int listenAt(const std::string &address, int port, int backlog) {
+  int sd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  int on = 1;
+  setsockopt(sd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  sockaddr_in at{};
+  at.sin_family = AF_INET;
+  at.sin_port = htons(static_cast<uint16_t>(port));
+  inet_pton(AF_INET, address.c_str(), &at.sin_addr);
+  EXPECT_EQ(bind(sd, reinterpret_cast<sockaddr *>(&at), sizeof at), 0) << address << ":" << port;
+  EXPECT_EQ(listen(sd, backlog), 0) << address << ":" << port;
+  return sd;
+}
+
 int dial(int port) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
@@ -177,6 +222,25 @@ int dial(int port) {
   if (connect(sd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0) return sd;
   close(sd);
   return -1;
+}
+
+std::string receiveLine(int sd) {
+  std::string line;
+  char byte;
+  while (recv(sd, &byte, 1, 0) == 1) {
+    line += byte;
+    if (byte == '\n') break;
+  }
+  return line;
+}
+
+std::string readBytes(int fd, size_t length) {
+  std::string text(length, '\0');
+  size_t at = 0;
+  for (ssize_t got; at < length && (got = read(fd, text.data() + at, length - at)) > 0;)
+    at += static_cast<size_t>(got);
+  text.resize(at);
+  return text;
 }
 
 void HomeTest::alone(const std::function<void()> &body, int limitSeconds) {

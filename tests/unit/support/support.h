@@ -66,10 +66,28 @@ bool exists(const std::string &path);
 // True as soon as condition holds; false when limitMs has passed.
 bool eventually(const std::function<bool()> &condition, int limitMs = 5000);
 
+// Bytes that differ from place to place.
+std::string pattern(size_t size, unsigned seed = 1);
+// How often part stands in text.
+int count(const std::string &text, const std::string &part);
+
+// The number that a child, the leader of its process group, leaves in a file before it ends well.
+// One that still runs after limitSeconds is killed with its group; that and any other end fail the
+// test, which shows the log.
+int resultOf(pid_t child, const std::string &file, int limitSeconds,
+             const std::function<std::string()> &log);
+
 // A TCP listener on loopback; port 0 takes a free one, which is written back. -1 on failure.
 int listenOn(int &port);
+// The same at one of loopback's addresses.
+int listenAt(const std::string &address, int port, int backlog = 64);
 // A connection to a port of loopback, -1 when nobody listens there.
 int dial(int port);
+
+// The next line with its line feed, or what came before the end.
+std::string receiveLine(int sd);
+// So many bytes, or what came before the end.
+std::string readBytes(int fd, size_t length);
 
 // Moves the calling process into a network namespace of its own with loopback up, so that the fixed
 // ports are free whatever else runs on the machine, and into an IPC namespace, so that the segments
