@@ -52,7 +52,8 @@ std::string uploadText(const FanoutOptions &options, const std::vector<std::stri
 // Puts the records of the hosts together as they arrive, and shows them.
 class Report {
  public:
-  explicit Report(bool json) : json_(json) {}
+  // isFile: the hosts are asked for a file, whose length they send before it.
+  Report(bool json, bool isFile) : json_(json), isFile_(isFile) {}
 
   void take(std::string_view bytes) {
     pending_ += bytes;
@@ -104,7 +105,9 @@ class Report {
       printOut(record.dump() + "\n");
       return;
     }
-    for (size_t from = 0; from < text.size();) {
+    // The head of a file that was got is for programs.
+    size_t begin = isFile_ && text.rfind("DATA ", 0) == 0 ? text.find('\n') + 1 : 0;
+    for (size_t from = begin; from < text.size();) {
       size_t feed = std::min(text.find('\n', from), text.size());
       printOut(host + ": " + text.substr(from, feed - from) + "\n");
       from = feed + 1;
@@ -116,7 +119,7 @@ class Report {
       printErr(oneLine(host + ": " + result + (why.empty() ? "" : ": " + why)) + "\n");
   }
 
-  bool json_, complete_ = false, notPermitted_ = false;
+  bool json_, isFile_, complete_ = false, notPermitted_ = false;
   int hosts_ = 0, ok_ = 0;
   ordered_json summary_ = ordered_json::object();
   std::map<std::string, std::string> texts_;  // of hosts that have more to say
@@ -126,13 +129,13 @@ class Report {
 }  // namespace
 
 Exit runFanout(const FanoutOptions &options) {
-  commandLine(options);
+  std::string line = commandLine(options);
   Connection connection(options.target);
   std::vector<std::string> hosts =
       expandHosts(options.hosts, [&] { return connection.ask("TAPE get group").text; });
   begin(connection);
   connection.sendBytes(uploadText(options, hosts));
-  Report report(options.json);
+  Report report(options.json, line.rfind("HOST get ", 0) == 0);
   Outcome outcome = connection.receive([&](std::string_view text) { report.take(text); }, true);
   if (!report.complete())
     throw Failure(outcome.ended ? Exit::failed : Exit::noConnection,

@@ -167,7 +167,9 @@ std::vector<std::string> describeEnd(const Progress &progress) {
   if (progress.problems > 0) lines.push_back(countText(progress.problems, "problem") + " found");
   if (!progress.done() && progress.result && *progress.result != 0)
     lines.push_back("the job ended with " + std::to_string(*progress.result));
-  if (!progress.error.empty()) lines.push_back(oneLine(progress.error));
+  // Of a restore that came to its end the error is these numbers once more.
+  bool counted = progress.failed + progress.missing > 0 && progress.result == 0;
+  if (!progress.error.empty() && !counted) lines.push_back(oneLine(progress.error));
   return lines;
 }
 

@@ -43,3 +43,6 @@ def test_what_a_host_left_out_is_found_by_the_words_of_the_manual(make_lab):
     said = h1.zul("fanout", "@1", "--", "HOST tail var/tape/jobids/request.7.log").stdout.splitlines()
     assert any(line.startswith("h2: ") and "Not listed: " in line and "control characters" in line for line in said), said
     assert sum("/srv/misspelt" in line for line in said) == 2, said
+    # The whole file shows the same, and nothing that is meant for programs.
+    got = h1.zul("fanout", "@1", "--", "HOST", "get", "var/tape/jobids/request.7.log").stdout.splitlines()
+    assert sorted(got) == sorted(said)

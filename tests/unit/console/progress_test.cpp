@@ -267,6 +267,13 @@ TEST(Restores, TellWhatFailedAndWhatWasNotOnTheTape) {
   ASSERT_EQ(lines.size(), 3u);
   EXPECT_EQ(lines[1], "1 file failed");
   EXPECT_EQ(lines[2], "2 files not on the tape");
+  // Not twice; but why one ended before its time is told behind the numbers.
+  progress.result = 0;
+  progress.error = "1 files failed, 2 were not found on tape";
+  EXPECT_EQ(describeEnd(progress).size(), 3u);
+  progress.result = -1;
+  progress.error = "the destination broke off";
+  EXPECT_EQ(describeEnd(progress).back(), "the destination broke off");
 }
 
 TEST(Verifications, TellHowManyProblemsWereFound) {
