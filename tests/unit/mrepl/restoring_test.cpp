@@ -20,6 +20,7 @@ using mtest::has;
 using mtest::Head;
 using mtest::kMarked;
 using mtest::ReceiverTest;
+using support::pattern;
 
 class Building : public ReceiverTest {
  protected:
@@ -71,11 +72,6 @@ class Building : public ReceiverTest {
     clearLogs();
     soundSite();
     body(true);
-  }
-  std::string pattern(size_t length) {
-    std::string made;
-    for (size_t at = 0; at < length; at++) made += static_cast<char>(at * 13 >> 2);
-    return made;
   }
 
  private:

@@ -18,18 +18,12 @@
 
 namespace tapes {
 
+using support::pattern;
+
 struct File {
   std::string host, name, data;
   int type = 0;
 };
-
-// Bytes that differ from place to place.
-inline std::string pattern(size_t size, unsigned seed = 1) {
-  std::string text(size, '\0');
-  for (size_t at = 0; at < size; at++)
-    text[at] = static_cast<char>((at * 131 + at / 8191 * 7 + seed * 17) & 0xff);
-  return text;
-}
 
 inline package headerOf(const File &file, int sequence) {
   package header{};
