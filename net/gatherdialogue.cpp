@@ -54,6 +54,7 @@ struct Dialogue {
   ipc *slot;
   time_t started;
   double kilobytes;
+  bool asked;  // "Next" went out together with the last "Get"
 };
 
 void say(const char *format, ...) __attribute__((format(printf, 1, 2)));
@@ -87,6 +88,10 @@ int corrupt(package *header) {
   return base::sound(base::Area::stream) ? kCorrupt : kTakenForEnd;
 }
 
+bool mustIdle(const Dialogue &with) {
+  return (base::loadWord(with.slot->pst.flags) & 8) != 0;
+}
+
 // "Idle" instead of "Next" while the tape writer wants the client kept waiting.
 int idle(int sd) {
   say("INFO:  Idle call\n");
@@ -112,10 +117,11 @@ bool isPossible(const char *raw, const package &header) {
 
 // Asks for the next file; its header goes into the slot.
 int nextFile(Dialogue *with) {
-  if (writen(with->sd, "Next\n", 5) != 5) {
+  if (!with->asked && writen(with->sd, "Next\n", 5) != 5) {
     say("ERROR:  3211  Write failure clientHandshak\n");
     return kTimerOrWrite;
   }
+  with->asked = false;
   say("INFO:  Sending:  %s\n", "Next\n");
   char raw[PACK_SIZE];
   ssize_t got = readn(with->sd, raw, sizeof raw);
@@ -228,12 +234,23 @@ int handOver(ipc *slot) {
   return 0;
 }
 
+// Asks for the file that was announced. Under "sound" the next one is asked for in the same breath:
+// behind the file the gatherer goes on by itself, and a small file costs one way through the
+// network instead of two. An installed gatherer does not answer for a file that it cannot open, and
+// the next header takes the file's place: only where that is seen may it be asked for.
+void askForFile(Dialogue *with) {
+  constexpr char kBoth[] = "Get\nNext\n";
+  bool ahead = base::sound(base::Area::pace) && base::sound(base::Area::stream);
+  with->asked = ahead && !mustIdle(*with);
+  writen(with->sd, kBoth, with->asked ? sizeof kBoth - 1 : 4);
+}
+
 // One file, all its packages. 0 or a result of clientHandshak.
 int pullFile(Dialogue *with) {
   ipc *slot = with->slot;
   uint64_t size = slot->pack.size;
   uint64_t total = size + (size / PACK_CHUNK + 1) * PACK_SIZE;
-  writen(with->sd, "Get\n", 4);
+  askForFile(with);
   slot->pack.sequence = 0;
   for (uint64_t taken = 0; taken < total;) {
     int result = pullHeader(with);
@@ -271,7 +288,7 @@ int gatherFiles(Dialogue *with) {
   for (;;) {
     if (!rearmTimer()) return kTimerOrWrite;
     int result;
-    if (base::loadWord(with->slot->pst.flags) & 8) {
+    if (!with->asked && mustIdle(*with)) {
       if ((result = idle(with->sd)) != kMoreFiles) return result;
       continue;
     }
@@ -307,7 +324,7 @@ int clientHandshak(int sd, ipc *slot) {
     return kTimedOut;
   }
   guard.armed = 1;
-  Dialogue with = {sd, slot, time(nullptr), 0};
+  Dialogue with = {sd, slot, time(nullptr), 0, false};
   slot->kbytes = 0;
   slot->rate = 0;
   slot->items = 0;

@@ -174,6 +174,69 @@ TEST_F(Dialogue, NothingIsFetchedBeforeAPackageIsTaken) {
   EXPECT_TRUE(kept);
 }
 
+class AskingAhead : public Dialogue {
+ protected:
+  // What a gatherer hears between the header of its only file and the moment the file is taken from
+  // the mailbox; flags: what the tape writer has said by then.
+  std::string heardMeanwhile(uint32_t flags) {
+    File file{"/a", "abc"};
+    std::string early;
+    play([&, file, flags] {
+      hearLine();
+      base::storeWord(slot.pst.flags, flags);
+      say(jobtest::header(file, 0));
+      say(jobtest::framed(file));
+      support::eventually([&] { return base::loadWord(slot.produced) == 1; });
+      char lines[64];
+      ssize_t got = recv(far.get(), lines, sizeof lines, MSG_DONTWAIT);
+      early.assign(lines, got > 0 ? static_cast<size_t>(got) : 0);
+      base::storeWord(slot.pst.flags, 1);
+      base::storeWord(slot.consumed, 1u);
+      base::wakeWord(&slot.consumed);
+      if (early == "Get\n") hearLine();
+      say(endOfList());
+    });
+    EXPECT_EQ(talk(), 0);
+    EXPECT_EQ(jobtest::count(statusLog(), "INFO:  Sending:  Next\n\n"), 2);
+    return early;
+  }
+
+ private:
+  void say(const std::string &bytes) {
+    (void)!send(far.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+  }
+  void hearLine() {
+    for (char byte = 0; byte != '\n' && recv(far.get(), &byte, 1, 0) == 1;) {
+    }
+  }
+  static std::string endOfList() {
+    std::string raw(PACK_SIZE, '\0');
+    package end{};
+    end.magic = PACK_EOL_MAGIC;
+    packPackage(raw.data(), &end);
+    return raw;
+  }
+};
+
+TEST_F(AskingAhead, ClassicAsksForTheNextFileWhenThisOneIsTaken) {
+  EXPECT_EQ(heardMeanwhile(1), "Get\n");
+}
+
+TEST_F(AskingAhead, SoundAsksForTheNextFileTogetherWithThisOne) {
+  behave("sound");
+  EXPECT_EQ(heardMeanwhile(1), "Get\nNext\n");
+}
+
+TEST_F(AskingAhead, NotWhereAStreamOutOfStepWouldGoUnnoticed) {
+  site("behaviour = sound\nbehaviour.stream = classic\n");
+  EXPECT_EQ(heardMeanwhile(1), "Get\n");
+}
+
+TEST_F(AskingAhead, NotWhileTheTapeWriterWantsAPause) {
+  behave("sound");
+  EXPECT_EQ(heardMeanwhile(9), "Get\n");
+}
+
 TEST_F(Dialogue, ATapeWriterThatTakesNothingIsGivenUp) {
   net::gatherLimits.takenMs = 80;
   serve({{"/a", "abc"}});
