@@ -12,10 +12,10 @@ from jobs import backup, define, fast_tape, nothing_left, slow_tape
 from lab import ZUL, eventually, make_tree, run
 from trees import entry, same, snapshot
 
-QUICK = "\n".join(f"pause.{name} = 10ms" for name in
-                  ("gather-child", "receiver-start", "receiver-ready", "label-settle", "drive-busy"))
-# A gatherer waits for its list, and its caller for the gatherer, as long as a small list takes.
-CLASSIC = QUICK + "\npause.list-grace = 1s\npause.gatherer-start = 1500ms"
+# A classic host does not ask whether the other one is ready: these head starts are what a busy machine needs.
+CLASSIC = "\n".join(f"pause.{name}" for name in (
+    "gather-child = 10ms", "receiver-ready = 10ms", "label-settle = 10ms", "drive-busy = 10ms", "list-grace = 1s",
+    "gatherer-start = 3s", "receiver-start = 3s"))
 
 
 def restore(tape_host, *words, job=7, status=0, timeout=120):
