@@ -79,9 +79,9 @@ TEST_P(AnyBackup, ADriveThatCannotBeOpenedForTheDataTakesTheVolumeBack) {
   alone([&] {
     Client alpha("127.0.0.2", std::vector<File>{});
     // The job logs in to push its list when the catalog copy is written and the data are not.
-    support::hostPlay.login = [](int) {
+    support::hostPlay.login = [login = support::hostPlay.login](int sd) {
       (void)drive::unloadCartridge("d1");
-      return 0;
+      return login(sd);
     };
     int result = backup();
     EXPECT_EQ(result, isSound() ? -994 : 0);

@@ -84,16 +84,29 @@ void serveFiles(int sd, std::vector<File> files, std::string *heard) {
   }
 }
 
+// A classic job waits for no answer before it connects to the data port, and for how long the other
+// side needs depends on how busy the machine is. So the played login lasts until the port is open.
+constexpr char kGreeting[] = "\n";
+
+static int awaitGreeting(int sd) {
+  pollfd asked{sd, POLLIN, 0};
+  char byte;
+  return poll(&asked, 1, 60'000) == 1 && read(sd, &byte, 1) == 1 ? 0 : -1;
+}
+
+static int clientsAlive = 0;
+
 static void playClient(int console, const std::string &address, const Client::Play &play) {
   for (;;) {
     base::Fd sd(accept(console, nullptr, nullptr));
+    base::Fd data(play.listens ? support::listenAt(address, 2346) : -1);
+    sendAll(sd.get(), kGreeting);
     std::string line = support::receiveLine(sd.get());
     if (line.rfind("TAPE rsync", 0) == 0) {
       while (!(line = support::receiveLine(sd.get())).empty() && line != "TRANSFER OK\n") {
       }
       sendAll(sd.get(), play.storesList ? "ZuL_DoNe. 0\n" : "ZuL_DoNe. 1\n");
     } else if (line.rfind("TAPE server", 0) == 0 && play.listens) {
-      base::Fd data(support::listenAt(address, 2346));
       sd.reset();
       base::Fd peer(accept(data.get(), nullptr, nullptr));
       int on = 1;
@@ -115,6 +128,8 @@ Client::Client(const std::string &address, const Play &play) {
     playClient(console, address, play);
   }
   close(console);
+  clientsAlive++;
+  support::hostPlay.login = awaitGreeting;
 }
 
 Client::Client(const std::string &address, const std::vector<File> &files)
@@ -123,6 +138,7 @@ Client::Client(const std::string &address, const std::vector<File> &files)
 Client::~Client() {
   kill(pid_, SIGKILL);
   waitpid(pid_, nullptr, 0);
+  if (--clientsAlive == 0) support::hostPlay.login = nullptr;
 }
 
 void JobTest::SetUp() {
