@@ -12,6 +12,7 @@
 #include <unistd.h>
 #include <zul/host.h>
 
+#include <filesystem>
 #include <initializer_list>
 
 #include "scram/scram.h"
@@ -28,6 +29,7 @@ void makeHome() {
   char name[] = "/dev/shm/zulfuzz.XXXXXX", path[300];
   if (!mkdtemp(name)) abort();
   snprintf(ZULhome, sizeof ZULhome, "%s", name);
+  atexit([] { std::filesystem::remove_all(ZULhome); });
   snprintf(path, sizeof path, "%s/etc", name);
   if (mkdir(path, 0700) != 0) abort();
   snprintf(path, sizeof path, "%s/etc/ZULkey", name);

@@ -4,6 +4,7 @@ The console's ports are fixed, so the whole run moves into a network namespace o
 whatever else the machine does. No privilege is needed for that.
 """
 import os
+import signal
 import subprocess
 import sys
 
@@ -13,6 +14,9 @@ FOLDER = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, FOLDER)
 
 from ownnetwork import enter_own_network  # noqa: E402 (found by the line above)
+
+# Started in the background, by a build server say, the tests would hand on that ^C is ignored.
+signal.signal(signal.SIGINT, signal.default_int_handler)
 
 
 @pytest.fixture(scope="session", autouse=True)

@@ -1,10 +1,14 @@
 """Fixtures of the lab; "slow" tests run by name (tests/lab/run --slow)."""
 import os
+import signal
 import sys
 
 import pytest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+
+# Started in the background, by a build server say, the tests would hand on that ^C is ignored.
+signal.signal(signal.SIGINT, signal.default_int_handler)
 
 
 def pytest_addoption(parser):
