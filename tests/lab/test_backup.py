@@ -7,7 +7,7 @@ import subprocess
 import pytest
 
 from jobs import CARTRIDGE, define, follow, nothing_left, progress, slow_tape, states
-from lab import eventually, image_of, make_tree, run, tape_summary, tapewalk
+from lab import eventually, image_of, make_tree, tape_summary, tapewalk
 
 
 def is_directory(path):

@@ -9,7 +9,7 @@ import time
 import pytest
 
 from jobs import CARTRIDGE, ask_agent, backup, define, fast_tape, follow, nothing_left, progress, slow_tape, states
-from lab import eventually, image_of, make_tree, tape_summary, tapewalk
+from lab import eventually, image_of, tape_summary, tapewalk
 
 ROUNDS = int(os.environ.get("ZUL_KILLS", "8"))
 

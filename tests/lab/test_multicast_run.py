@@ -4,8 +4,6 @@ import os
 import signal
 import subprocess
 
-import pytest
-
 from jobs import nothing_left
 from lab import ZUL, eventually
 from multicast import Site, difference, make_files, receivers_on
