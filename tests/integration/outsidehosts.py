@@ -1,5 +1,6 @@
 """What tests share that play other hosts: connections, an agent, a gatherer, and the tape writer's part in the segment
 of a backup job."""
+import contextlib
 import ctypes
 import socket
 import struct
@@ -75,8 +76,15 @@ def pair():
     theirs.close()
 
 
+def assert_heard(heard, expected, seconds=20):
+    """What a process said last may reach the host that is played a moment after that process has ended."""
+    with contextlib.suppress(AssertionError):
+        eventually(lambda: heard == expected, seconds)
+    assert heard == expected
+
+
 class Agent:
-    """The agent of a client host, played: keeps the request lines of its consoles."""
+    """The agent of a client host, played: keeps the request lines of its consoles, one after the other."""
 
     def __init__(self):
         self.listener, self.requests = listen(CONSOLE), []
@@ -88,11 +96,8 @@ class Agent:
                 console, _ = self.listener.accept()
             except OSError:
                 return
-            threading.Thread(target=self.hear, args=(console,), daemon=True).start()
-
-    def hear(self, console):
-        with console:
-            self.requests.append(read_all(console).decode())
+            with console:
+                self.requests.append(read_all(console).decode())
 
     def close(self):
         self.listener.shutdown(socket.SHUT_RDWR)

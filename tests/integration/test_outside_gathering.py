@@ -12,7 +12,7 @@ from home import eventually
 from outside import Buffer, Reading
 from outsidehosts import agent, fresh_network, pair  # noqa: F401 (fixtures)
 from outsidehosts import (CHILD_FLAGS, CONSUMED, DATA, ITEMS, KILOBYTES, MIB, PARENT_FLAGS, PRODUCED, SEQUENCE,
-                          Gatherer, Segment, ask, connect, framed, listen, read_all, take)
+                          Gatherer, Segment, ask, assert_heard, connect, framed, listen, read_all, take)
 from outsidetapes import NODE, header
 
 
@@ -205,7 +205,8 @@ def test_a_child_gathers_its_host(outside, agent, slot):
     gatherer = Gatherer([framed(b"/f%d" % at, each) for at, each in enumerate(data)])
     started = start_child(outside, slot)
     eventually(lambda: slot.get(CHILD_FLAGS) == 1, what="a child that is ready")
-    assert agent.requests == ["TAPE server 7 0\n"] and gatherer.heard == []
+    assert_heard(agent.requests, ["TAPE server 7 0\n"])
+    assert gatherer.heard == []
     outside.write("tmp/ipc.127.0.0.1", "leftover")
     slot.set(PARENT_FLAGS, 1)
     packages = take_packages(slot, outside, started[0])
@@ -218,7 +219,7 @@ def test_a_child_gathers_its_host(outside, agent, slot):
     assert packages[2][1][:lengths[2]] == header(b"/f2", 3 * MIB, host=NODE.encode()) + b"b" * MIB
     total = sum(len(framed(b"/f", each)) for each in data)
     assert (slot.get(ITEMS), slot.get(KILOBYTES, "<q")) == (3, total // 1024)
-    assert gatherer.heard == ["Next\n", "Get\n"] * 3 + ["Next\n", "Quit\n"]
+    assert_heard(gatherer.heard, ["Next\n", "Get\n"] * 3 + ["Next\n", "Quit\n"])
     log = outside.text("var/tape/jobids/127.0.0.1.stat")
     begin = ("Starting backup TCP server on client: 127.0.0.1\n"
              "Signal parent we are ready to get data from remote client: 127.0.0.1\n"
@@ -243,7 +244,8 @@ def test_a_child_of_an_empty_host_asks_once(outside, agent, slot):
     slot.set(PARENT_FLAGS, 1)
     said = outside.finish(start_child(outside, slot))
     gatherer.close()
-    assert (said.result_of(0), gatherer.heard) == (0, ["Next\n", "Quit\n"])
+    assert said.result_of(0) == 0
+    assert_heard(gatherer.heard, ["Next\n", "Quit\n"])
     assert ("Total read = 0.000000 KBytes, at an average of 0 KBytes/s\n"
             in outside.text("var/tape/jobids/127.0.0.1.stat"))
 

@@ -9,7 +9,7 @@ import pytest
 from home import eventually
 from outside import Buffer
 from outsidehosts import agent, fresh_network, pair  # noqa: F401 (fixtures)
-from outsidehosts import CONSOLE, MIB, listen, read_all, take
+from outsidehosts import CONSOLE, MIB, assert_heard, listen, read_all, take
 from outsidetapes import header, record
 
 
@@ -154,7 +154,7 @@ def test_a_gatherer_is_asked_for(outside, agent):
     said = outside.run([["int startBackupServ", "127.0.0.1", 7, 0], ["alarm"], ["state"]])
     assert (said.result_of(0), said.results[1]) == (0, "alarm 0")
     assert said.trace == ["initpass", "autoLogin"]
-    eventually(lambda: agent.requests == ["TAPE server 7 0\n"])
+    assert_heard(agent.requests, ["TAPE server 7 0\n"])
     said = outside.run([["answer 1"], ["int startBackupServ", "127.0.0.1", 7, 0]])
     assert (said.result, said.log) == (-2, "ERROR:  3224  Cannot start restore agent on remote host\n")
     assert outside.call("int startBackupServ", "127.0.0.9", 7, 0).result == -1
@@ -168,7 +168,7 @@ def test_a_backup_list_is_pushed_to_the_members_that_can_be_reached(outside, age
     assert said.result == 0
     assert outside.text("var/libtape.status") == ("ERROR:  8334  Cannot connect to remote host: 127.0.0.9\n"
                                                   "Synchronizing 127.0.0.1...\n")
-    eventually(lambda: agent.requests == ["TAPE rsync 7\n/etc/\n" + "n" * 300 + "\nTRANSFER OK\n"])
+    assert_heard(agent.requests, ["TAPE rsync 7\n/etc/\n" + "n" * 300 + "\nTRANSFER OK\n"])
     said = outside.run([["answer 1"], ["int syncBackupLists", 7]])
     assert said.result == 0
     assert said.log == ("ERROR:  8334  Cannot connect to remote host: 127.0.0.9\n"

@@ -2,6 +2,7 @@
 // out. The bytes are written by hand from docs/protocols/multicast.md, not by the code under test.
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -22,15 +23,15 @@ using support::hex;
 
 namespace {
 
-// The file "/tmp/zul-golden-hello" of five bytes, uid 0, gid 0, mode 4751, in segment 2.
-std::string smallFile(const char *marks) {
+// A file of five bytes, uid 0, gid 0, mode 4751, in segment 2.
+std::string smallFile(const std::string &name, const char *marks) {
   return assemble(1056, {{0, "PaCk"},
                          {4, hex("0d d4 0a 7b")},  // 232 s, 123 us
                          {8, hex("00 00 00 00 00 00 00 02")},
                          {16, hex("00 00 00 32")},
                          {24, std::string(marks, 8)},
                          {32, hex("64 45 68 46")},
-                         {36, "/tmp/zul-golden-hello"},
+                         {36, name},
                          {295, hex("01")},
                          {304, hex("00 00 09 e9")},
                          {312, hex("65 53 f1 00")},
@@ -57,10 +58,11 @@ class MulticastGolden : public support::HomeTest {
     memset(area, 0, MR_SEND_AREA);
     ctrl = static_cast<msendctrl *>(getCtrlPtr(shmid));
     ring = getDataPtr(shmid);
-    support::writeFile(kFile, "hello");
-    chmod(kFile, 04751);
+    file = path("hello");
+    support::writeFile(file, "hello");
+    chmod(file.c_str(), 04751);
     timespec times[2] = {{0x6553f13c, 0}, {0x6553f100, 0}};
-    utimensat(AT_FDCWD, kFile, times, 0);
+    utimensat(AT_FDCWD, file.c_str(), times, 0);
     sockets = {base::Fd(socket(AF_INET, SOCK_DGRAM, 0)), base::Fd(socket(AF_INET, SOCK_DGRAM, 0))};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -69,14 +71,15 @@ class MulticastGolden : public support::HomeTest {
     getsockname(sockets.in.get(), reinterpret_cast<sockaddr *>(&address), &length);
   }
   void TearDown() override {
-    unlink(kFile);
     rmShMem(shmid);
     mrepl::forgetArea();
     HomeTest::TearDown();
   }
   std::string arrived() {
     char bytes[2000];
-    ssize_t n = recv(sockets.in.get(), bytes, sizeof bytes, MSG_DONTWAIT);
+    pollfd readable{sockets.in.get(), POLLIN, 0};
+    if (poll(&readable, 1, 10000) != 1) return "";
+    ssize_t n = recv(sockets.in.get(), bytes, sizeof bytes, 0);
     return n > 0 ? std::string(bytes, static_cast<size_t>(n)) : "";
   }
   void place() {
@@ -85,12 +88,12 @@ class MulticastGolden : public support::HomeTest {
     uint64_t size, stored;
     mrepl::placeSegment(ctrl, ring, content);
     mrepl::placeSegment(ctrl, ring, content);
-    ASSERT_EQ(storeFileHeader(kFile, &content, &type, &size), 0);
-    ASSERT_EQ(storeNewFileData(kFile, &content, type, &stored, size), 0);
+    ASSERT_EQ(storeFileHeader(file.c_str(), &content, &type, &size), 0);
+    ASSERT_EQ(storeNewFileData(file.c_str(), &content, type, &stored, size), 0);
     mrepl::placeSegment(ctrl, ring, content);
     mrepl::storeNumber(ctrl->filledHigh, ctrl->filledLow, 4);
   }
-  static constexpr const char *kFile = "/tmp/zul-golden-hello";
+  std::string file;
   char *area = nullptr;
   msendctrl *ctrl = nullptr;
   mslot *ring = nullptr;
@@ -107,16 +110,16 @@ TEST_F(MulticastGolden, ASmallFileInItsFirstTransmissionAndItsSecond) {
   mrepl::storeNumber(ctrl->lastSentHigh, ctrl->lastSentLow, 1);
   timeval now{1000, 123};
   ASSERT_EQ(sendData(ring, ctrl, &address, sockets.out.get(), 1, &now), 0);
-  EXPECT_EQ(arrived(), smallFile("PfInSeNd"));
+  EXPECT_EQ(arrived(), smallFile(file, "PfInSeNd"));
   mrepl::storeNumber(ctrl->lastSentHigh, ctrl->lastSentLow, 3);
   ASSERT_EQ(sendData(ring, ctrl, &address, sockets.out.get(), 2, &now), 0);
-  EXPECT_EQ(arrived(), smallFile("\0\0\0\0\0\0\0\0"));
+  EXPECT_EQ(arrived(), smallFile(file, "\0\0\0\0\0\0\0\0"));
 }
 
 TEST_F(MulticastGolden, TheSlotOfASegmentThatWasNotSentYet) {
   if (getuid() != 0) GTEST_SKIP() << "the file would belong to somebody else";
   place();
-  std::string slot = hex("02 00 00 00 00 00 00 00 00 00 00 00") + smallFile("PfInErR!");
+  std::string slot = hex("02 00 00 00 00 00 00 00 00 00 00 00") + smallFile(file, "PfInErR!");
   slot.replace(12 + 4, 4, std::string(4, '\0'));
   slot.replace(12 + 16, 4, std::string(4, '\0'));
   EXPECT_EQ(std::string(area + 72 + 2 * 1068, 1068), slot);
@@ -160,7 +163,7 @@ TEST_F(MulticastGolden, AReceiversSlot) {
   alignas(8) static char room[64 + 4096 * 1068];
   auto *control = reinterpret_cast<mrecvctrl *>(room);
   auto *slots = reinterpret_cast<mslot *>(room + 64);
-  std::string datagram = smallFile("PfInSeNd");
+  std::string datagram = smallFile("/golden", "PfInSeNd");
   mseg segment;
   memcpy(&segment, datagram.data(), sizeof segment);
   control->contiguousLow = 1;
