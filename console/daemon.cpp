@@ -50,9 +50,7 @@ void checkHome(const std::string &home) {
   if (access((home + "/etc").c_str(), X_OK) != 0 && errno == EACCES)
     throw Failure(Exit::failed, "you may not look into " + home,
                   "Use zul as root or as the user the home belongs to.");
-  if (exists(home + "/var/tape") && !exists(home + "/.begun-by-zul-init"))
-    throw Failure(Exit::failed, home + " was a home and has lost its etc/ZULsecret",
-                  kLostSecretHint);
+  checkSecretLost(home);
   throw Failure(Exit::failed, home + " is no home: it has no etc/ZULsecret",
                 "Make it one with: zul --home " + home + " init");
 }

@@ -29,7 +29,6 @@ namespace {
 constexpr size_t kMaxHome = 200;  // paths below it are built in buffers of 255 characters
 constexpr const char *kFolders[] = {
     "/etc", "/bin", "/tmp", "/var", "/var/tape", "/var/tape/jobids", "/var/tape/mrepljobs"};
-constexpr const char *kBegunMark = "/.begun-by-zul-init";
 constexpr const char *kFirstDrive = "vtape0";
 constexpr const char *kFirstCartridge = "first";
 
@@ -94,10 +93,8 @@ void checkPlace(const InitOptions &options) {
     throw Failure(Exit::failed, home + " is a home already; nothing was changed",
                   "To mend it or to bring its module up to date (tapes, tables and secret stay): "
                   "zul init --force");
-  if (!isHome(home) && !exists(home + kBegunMark) && exists(home + "/var/tape"))
-    throw Failure(Exit::failed, home + " was a home and has lost its etc/ZULsecret",
-                  kLostSecretHint);
-  if (!isHome(home) && !exists(home + kBegunMark) && !isEmptyFolder(home))
+  checkSecretLost(home);
+  if (!isHome(home) && !exists(begunMark(home)) && !isEmptyFolder(home))
     throw Failure(Exit::failed, home + " is not empty and holds no home; nothing was changed",
                   "Name a folder that is empty or does not exist yet.");
 }
@@ -162,7 +159,7 @@ void fill(const InitOptions &options) {
     registerDrive(home);
   }
   makeSecret(options);
-  unlink((home + kBegunMark).c_str());
+  unlink(begunMark(home).c_str());
 }
 
 void report(const InitOptions &options) {
@@ -195,7 +192,7 @@ Exit initHome(const InitOptions &options) {
   makeParents(home);
   bool complete = isHome(home);
   makeFolder(home, 0700);
-  if (!complete) writeWhole(home + kBegunMark, "", 0600);
+  if (!complete) writeWhole(begunMark(home), "", 0600);
   for (const char *folder : kFolders) makeFolder(home + folder, 0700);
   letOperatorsThrough(home);
   copyWhole(module, home + "/bin/libtape.so", 0755);

@@ -180,6 +180,17 @@ bool isHome(const std::string &home) {
   return exists(home + "/etc/ZULsecret");
 }
 
+std::string begunMark(const std::string &home) {
+  return home + "/.begun-by-zul-init";
+}
+
+void checkSecretLost(const std::string &home) {
+  if (isHome(home) || exists(begunMark(home)) || !exists(home + "/var/tape")) return;
+  throw Failure(Exit::failed, home + " was a home and has lost its etc/ZULsecret",
+                "Copy it from another host of the site, mode 600; zul init makes none in its "
+                "place, because the other hosts would not know it.");
+}
+
 void useHome(const std::string &home) {
   base::copyText(ZULhome, sizeof ZULhome, home.c_str());
 }

@@ -24,13 +24,12 @@ void copyWhole(const std::string &from, const std::string &to, mode_t mode);
 
 bool exists(const std::string &path);
 
-// What to do about a home that was complete and has no secret now.
-constexpr const char *kLostSecretHint =
-    "Copy it from another host of the site, mode 600; zul init makes none in its place, because "
-    "the other hosts would not know it.";
-
 // True when a home has been made there and completed.
 bool isHome(const std::string &home);
+// zul init leaves this mark in a home until it is complete.
+std::string begunMark(const std::string &home);
+// Failure when the home was complete and has no secret now.
+void checkSecretLost(const std::string &home);
 // Makes home the home that the drive code works on.
 void useHome(const std::string &home);
 

@@ -203,9 +203,10 @@ void Listener::handleNotices() {
   publishCounts();
 }
 
-void Listener::publishCounts() {
-  shared_->sessions = static_cast<uint32_t>(sessions_.size());
-  shared_->logins = static_cast<uint32_t>(logins_);
+// With a session that comes: it may be asked for these before its process is known here.
+void Listener::publishCounts(bool coming, bool local) {
+  shared_->sessions = static_cast<uint32_t>(sessions_.size() + coming);
+  shared_->logins = static_cast<uint32_t>(logins_ + (coming && !local));
 }
 
 void Listener::acceptFrom(int listening, bool local) {
@@ -229,10 +230,12 @@ void Listener::acceptFrom(int listening, bool local) {
 }
 
 void Listener::startSession(int sd, bool local, uint32_t address) {
+  publishCounts(true, local);
   pid_t pid = base::forkFlushed();
   if (pid == 0) becomeSession(sd, local, address);
   if (pid < 0) {
     logEvent("cannot start a session: %s", strerror(errno));
+    publishCounts();
     resumeAt_ = base::nowMs() + kShortagePauseMs;
     return;
   }

@@ -41,7 +41,7 @@ class Listener {
   void acceptFrom(int listening, bool local);
   void startSession(int sd, bool local, uint32_t address);
   [[noreturn]] void becomeSession(int sd, bool local, uint32_t address);
-  void publishCounts();
+  void publishCounts(bool coming = false, bool local = false);
   void stop();
 
   ListenerSettings settings_;

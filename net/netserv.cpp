@@ -92,7 +92,8 @@ int mkFlist(int reqid, int since) {
   while (base::nowMs() < endMs) {
     base::pauseFor(base::Pause::ListStart);
     int status;
-    if (base::reapNow(pid, &status) != pid || !WIFEXITED(status)) continue;
+    if (base::reapNow(pid, &status) != pid) continue;
+    if (!WIFEXITED(status)) break;  // killed: nobody is left to wait for
     // Without a generator there will be no list: the tape host would wait for one in vain.
     return WEXITSTATUS(status) != 0 && base::sound(base::Area::stream) ? -1 : 0;
   }

@@ -3,11 +3,14 @@
  * Words of TAPE: echo TEXT; stdin N (takes N lines of its input); exit N; return N; crash; fds; print TEXT (on
  * standard output); log TEXT (in the host's log); wait FILE (runs until FILE is there, then makes FILE.done);
  * daemon FILE (the same, detached); server FILE, likewise, with the gatherer's tag; rsync N (takes a list to its
- * end mark, at most N lines); login ADDRESS LINE (asks another agent). MREPL echoes. */
+ * end mark, at most N lines); login ADDRESS LINE (asks another agent). MREPL echoes.
+ *
+ * With FAKE_SLOW_FORK set, whoever forks goes on half a second behind the child. */
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -20,6 +23,14 @@ extern FILE *fplog;
 extern char cmdname[];
 int initpass(void);
 int autoLogin(int sd);
+
+static void halfASecond(void) {
+  usleep(500000);
+}
+
+__attribute__((constructor)) static void slowForks(void) {
+  if (getenv("FAKE_SLOW_FORK")) pthread_atfork(NULL, halfASecond, NULL);
+}
 
 static int until(const char *file) {
   char done[4096];

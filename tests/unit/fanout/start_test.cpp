@@ -36,6 +36,7 @@ class RunStart : public fanout_test::FanOut {
                 return status;
               })),
               0);
+    unlink("/tmp/repServ.log");
     return support::readFile(path("said"));
   }
 

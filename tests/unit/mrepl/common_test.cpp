@@ -176,6 +176,7 @@ TEST_F(Common, ALinkInTheWayOfTheLogIsNotFollowed) {
 
 TEST_F(Common, ASoundSiteKeepsTheLogInItsHome) {
   soundSite();
+  unlink("/tmp/repServ.log");
   int status = support::inChild([] {
     openLog(1);
     return 0;

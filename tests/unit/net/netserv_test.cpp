@@ -2,6 +2,7 @@
 // being fixed.
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <pthread.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -70,6 +71,18 @@ TEST_P(Server, AGeneratorThatCannotBeStartedIsSaid) {
     support::captureStderr([] { EXPECT_EQ(server(7, 0), -1); });
     EXPECT_EQ(statusLog(),
               "INFO:  Building Backup list\nWARNING:  3000  Cannot make the request list!\n");
+    return HasFailure() ? 1 : 0;
+  });
+  EXPECT_EQ(support::exitOf(status), 0);
+}
+
+TEST_P(Server, AGeneratorThatIsKilledIsNotWaitedFor) {
+  int status = support::inChild([&] {
+    pthread_atfork(nullptr, nullptr, [] { raise(SIGKILL); });
+    long long begin = base::nowMs();
+    std::string printed = support::captureStderr([] { EXPECT_EQ(mkFlist(7, 0), -1); });
+    EXPECT_LT(base::nowMs() - begin, net::timeouts.startMs / 2);
+    EXPECT_EQ(printed, "ERROR:  3034  Parent timesout \n");
     return HasFailure() ? 1 : 0;
   });
   EXPECT_EQ(support::exitOf(status), 0);
