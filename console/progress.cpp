@@ -32,6 +32,10 @@ HostProgress hostOf(const json &object) {
   host.bytes = countOf(object, "bytes");
   host.rate = countOf(object, "rate");
   host.error = textOf(object, "error");
+  host.unread = countOf(object, "unread");
+  if (object.contains("absent") && object["absent"].is_array())
+    for (const json &name : object["absent"])
+      if (name.is_string()) host.absent.push_back(name.get<std::string>());
   return host;
 }
 

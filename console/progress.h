@@ -16,6 +16,8 @@ struct HostProgress {
   uint64_t rate = 0;  // bytes a second
   std::string error;
   std::optional<uint64_t> folders = {};  // where they are counted apart from files
+  uint64_t unread = 0;                   // of a backup: files that cannot be read there
+  std::vector<std::string> absent = {};  // of a backup: asked for, and nothing of it came
 };
 
 struct Progress {

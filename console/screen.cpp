@@ -3,6 +3,7 @@
 #include "console/screen.h"
 
 #include <algorithm>
+#include <map>
 
 #include "console/text.h"
 
@@ -154,6 +155,35 @@ std::vector<std::string> describeChange(const Progress *before, const Progress &
   return lines;
 }
 
+// "alpha, beta and 3 more hosts"
+static std::string hostsText(const std::vector<std::string> &hosts) {
+  constexpr size_t kNamed = 5;
+  std::string text;
+  for (size_t at = 0; at < hosts.size() && at < kNamed; at++)
+    text += (at > 0 ? ", " : "") + oneLine(hosts[at]);
+  return hosts.size() <= kNamed ? text
+                                : text + " and " + countText(hosts.size() - kNamed, "more host");
+}
+
+// What a backup that went well has not: somebody believes it to be on the tape.
+static void addUnsaved(const Progress &progress, std::vector<std::string> *lines) {
+  std::map<std::string, std::vector<std::string>> absentFrom;
+  std::vector<std::string> unreadOn;
+  uint64_t unread = 0;
+  for (const HostProgress &host : progress.hosts) {
+    for (const std::string &name : host.absent) absentFrom[name].push_back(host.host);
+    if (host.unread > 0) unreadOn.push_back(host.host);
+    unread += host.unread;
+  }
+  for (const auto &[name, hosts] : absentFrom)
+    lines->push_back("WARNING: nothing of " + oneLine(name) + " came from " + hostsText(hosts) +
+                     "; is it there?");
+  if (unread > 0)
+    lines->push_back("WARNING: " + countText(unread, "file") + " cannot be read on " +
+                     hostsText(unreadOn) + "; for the names: zul get var/tape/jobids/" +
+                     std::to_string(progress.job) + ".status");
+}
+
 std::vector<std::string> describeEnd(const Progress &progress) {
   std::vector<std::string> lines;
   std::string text = progress.done() ? "done" : "failed";
@@ -161,6 +191,7 @@ std::vector<std::string> describeEnd(const Progress &progress) {
     text += ", " + std::to_string(countState(progress, "done")) + " of " +
             countText(progress.hosts.size(), "host");
   lines.push_back(text + ", " + totalText(progress));
+  addUnsaved(progress, &lines);
   if (progress.failed > 0) lines.push_back(countText(progress.failed, "file") + " failed");
   if (progress.missing > 0)
     lines.push_back(countText(progress.missing, "file") + " not on the tape");

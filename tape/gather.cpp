@@ -20,6 +20,7 @@
 #include "base/site.h"
 #include "base/text.h"
 #include "drive/drive.h"
+#include "tape/asked.h"
 #include "tape/gathermember.h"
 #include "tape/mailbox.h"
 #include "tape/reference.h"
@@ -77,6 +78,7 @@ class GatherLoop {
   int group_;
   bool builds_;  // on the run that reference_ is
   Reference reference_;
+  Asked asked_;
   GatherRun run_;
   JobProgress &progress_;
   Gathered &result_;
@@ -95,6 +97,7 @@ bool GatherLoop::prepare(int count) {
   if (!members_) return false;
   count_ = result_.hosts = count;
   progress_.setHosts(count);
+  if (base::sound(base::Area::backup)) asked_.read(run_.job, count);
   for (int at = 0; at < count; at++) {
     char host[64] = "";
     int found = getGrpMember(group_, at + 1, host);
@@ -185,7 +188,8 @@ bool GatherLoop::copy(int at) {
   if (base::sound(base::Area::security) && !goesByItsName(at)) return true;
   bool backupSound = base::sound(base::Area::backup);
   // Such a file is on the tape by its name alone. Who wants it back must not be the first to hear.
-  if (backupSound) member.noteUnread();
+  if (backupSound && member.noteUnread()) progress_.addUnread(at);
+  if (member.slot()->pack.sequence == 0) asked_.saw(at, member.slot()->pack);
   Copied copied = copyPackage(member.slot(), run_.tapefd, vollist_);
   wrote_ |= copied.reachedTape;
   switch (copied.outcome) {
@@ -228,6 +232,8 @@ void GatherLoop::finishMember(int at) {
     failMember(at, why);
     return;
   }
+  // Of a host that was asked for everything: what has not changed sends nothing either.
+  if (member.isFull()) progress_.setAbsent(at, asked_.unseen(at));
   finished_++;
   progress_.hostChanged(at, HostState::done);
 }

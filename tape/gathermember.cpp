@@ -60,6 +60,7 @@ bool Member::lockHost() {
 }
 
 bool Member::start(const GatherRun &run, Member *all, int count, int number) {
+  full_ = run.since == 0;
   base::print(backuplog, "Listener for: %s  started\n", slot_->host);
   pid_ = base::forkFlushed();
   if (pid_ == 0) runChild(run, all, count, number);
@@ -121,13 +122,14 @@ bool Member::takeName() {
 }
 
 // The header of what had vanished, or is no file, says nothing of a file's or a link's kind.
-void Member::noteUnread() {
+bool Member::noteUnread() {
   const package &header = slot_->pack;
-  bool isFile = S_ISREG(header.mode) || S_ISLNK(header.mode);
-  if (header.type != 5 || !isFile || ++unread_ > kMostUnread) return;
+  if (header.type != 5 || !(S_ISREG(header.mode) || S_ISLNK(header.mode))) return false;
+  if (++unread_ > kMostUnread) return true;
   char name[sizeof header.filename + 1];
   listName(name, sizeof header.filename, header.filename);
   base::print(backuplog, "WARNING:  Not saved, it cannot be read on %s: %s\n", slot_->host, name);
+  return true;
 }
 
 void Member::reap() {

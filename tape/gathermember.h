@@ -51,8 +51,11 @@ class Member {
   const char *name() const { return name_; }
   // Takes the name in the slot's header; false when the host went by another one before.
   bool takeName();
-  // Says so when the package that waits is that of a file which cannot be read on its host.
-  void noteUnread();
+  // True when the package that waits is that of a file which cannot be read on its host; the log
+  // names it.
+  bool noteUnread();
+  // Whether the host was asked for everything, however old.
+  bool isFull() const { return full_; }
   // Gives up a host that was not started.
   void abandon() { state_ = State::over; }
 
@@ -82,6 +85,7 @@ class Member {
   char name_[64] = "";  // as long as the field of a header
   char refused_[128] = "";
   bool noted_ = false;
+  bool full_ = false;
   uint64_t unread_ = 0;
 };
 

@@ -17,6 +17,7 @@ namespace tape {
 namespace {
 
 constexpr int kRefreshMs = 500;
+constexpr size_t kMostAbsent = 20;  // names of a host in the record
 
 const char *stateName(HostState state) {
   static constexpr const char *kNames[] = {"waiting", "starting", "running", "done", "failed"};
@@ -91,6 +92,14 @@ void JobProgress::addPackage(int at, bool newFile, uint64_t bytes) {
   bytes_ += bytes;
 }
 
+void JobProgress::addUnread(int at) {
+  host(at).unread++;
+}
+
+void JobProgress::setAbsent(int at, std::vector<std::string> names) {
+  host(at).absent = std::move(names);
+}
+
 void JobProgress::setCounts(int at, uint64_t files, uint64_t folders, uint64_t bytes) {
   HostProgress &target = host(at);
   files_ += files - target.files;
@@ -138,6 +147,17 @@ void JobProgress::writeCounts(FILE *out, uint64_t files, uint64_t folders, uint6
   fprintf(out, ",\"bytes\":%" PRIu64, bytes);
 }
 
+// What a backup was asked for and has not. The record is read over and over: it names only some.
+void JobProgress::writeUnsaved(FILE *out, const HostProgress &host) {
+  if (replication_) return;
+  fprintf(out, ",\"unread\":%" PRIu64 ",\"absent\":[", host.unread);
+  for (size_t at = 0; at < host.absent.size() && at < kMostAbsent; at++) {
+    if (at > 0) putc(',', out);
+    base::writeJsonText(out, host.absent[at].c_str());
+  }
+  putc(']', out);
+}
+
 void JobProgress::writeHost(FILE *out, const HostProgress &host) {
   fputs("{\"host\":", out);
   base::writeJsonText(out, host.host);
@@ -146,6 +166,7 @@ void JobProgress::writeHost(FILE *out, const HostProgress &host) {
   fprintf(out, ",\"rate\":%" PRIu64 ",\"error\":",
           bytesPerSecond(host.bytes, host.begunMs, host.endedMs ? host.endedMs : writtenMs_));
   base::writeJsonText(out, host.error);
+  writeUnsaved(out, host);
   putc('}', out);
 }
 

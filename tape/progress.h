@@ -7,6 +7,9 @@
 #include <sys/types.h>
 #include <time.h>
 
+#include <string>
+#include <vector>
+
 #include "base/text.h"
 
 namespace tape {
@@ -19,9 +22,11 @@ struct HostProgress {
   uint64_t files = 0;
   uint64_t folders = 0;  // of a replication; a backup counts them with the files
   uint64_t bytes = 0;    // of a backup: headers included
+  uint64_t unread = 0;   // of a backup: files that cannot be read there
   long long begunMs = 0;
   long long endedMs = 0;
   char error[128] = "";
+  std::vector<std::string> absent;  // of a backup: asked for, and nothing of it came
 };
 
 // Written by the job's own process and nobody else. Failing to write the record never disturbs the
@@ -47,6 +52,8 @@ class JobProgress {
   HostProgress &host(int at);
   void hostChanged(int at, HostState state, const char *error = "");
   void addPackage(int at, bool newFile, uint64_t bytes);
+  void addUnread(int at);
+  void setAbsent(int at, std::vector<std::string> names);
   // What a member of a replication has altogether.
   void setCounts(int at, uint64_t files, uint64_t folders, uint64_t bytes);
 
@@ -60,6 +67,7 @@ class JobProgress {
   void write();
   void writeKind(FILE *out);
   void writeCounts(FILE *out, uint64_t files, uint64_t folders, uint64_t bytes);
+  void writeUnsaved(FILE *out, const HostProgress &host);
   void writeHost(FILE *out, const HostProgress &host);
 
   bool replication_ = false;

@@ -2,7 +2,7 @@
 import os
 import shlex
 
-from jobs import backup, define
+from jobs import backup, define, follow
 from trees import same, snapshot
 
 
@@ -40,6 +40,12 @@ def test_what_a_host_left_out_is_found_by_the_words_of_the_manual(make_lab):
         odd.write("x")
     define(h1, [h1, h2], [h2.tree, "/srv/misspelt"])
     backup(h1)
+    end = follow(h1).stdout.splitlines()
+    assert [line.split("WARNING: ")[1] for line in end if "WARNING: " in line] == [
+        "nothing of /srv/misspelt/ came from h1, h2; is it there?"], end
+    # A level above it cannot know.
+    backup(h1, level=1)
+    assert "WARNING: " not in follow(h1).stdout
     said = h1.zul("fanout", "@1", "--", "HOST tail var/tape/jobids/request.7.log").stdout.splitlines()
     assert any(line.startswith("h2: ") and "Not listed: " in line and "control characters" in line for line in said), said
     assert sum("/srv/misspelt" in line for line in said) == 2, said

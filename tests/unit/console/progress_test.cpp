@@ -234,6 +234,30 @@ TEST(Ends, OfFailedJobsNameResultAndError) {
   EXPECT_EQ(lines[2], "one host failed");
 }
 
+TEST(Ends, OfBackupsTellWhatWasNotSaved) {
+  Progress progress =
+      parseProgress(
+          R"({"kind":"backup","job":7,"state":"done","started":1000,"updated":1002,"ended":1002,"hosts":[)"
+          R"({"host":"h1","state":"done","unread":2,"absent":["/hom/"]},)"
+          R"({"host":"h2","state":"done","unread":0,"absent":["/a\u001bb/","/hom/",7]},)"
+          R"({"host":"h3","state":"done","unread":1,"absent":"none"}]})")
+          .value();
+  std::vector<std::string> lines = describeEnd(progress);
+  ASSERT_EQ(lines.size(), 4u);
+  EXPECT_EQ(lines[1], "WARNING: nothing of /a\\x1bb/ came from h2; is it there?");
+  EXPECT_EQ(lines[2], "WARNING: nothing of /hom/ came from h1, h2; is it there?");
+  EXPECT_EQ(lines[3],
+            "WARNING: 3 files cannot be read on h1, h3; for the names: "
+            "zul get var/tape/jobids/7.status");
+  HostProgress more = progress.hosts[0];
+  for (const char *name : {"h4", "h5", "h6", "h7"}) {
+    more.host = name;
+    progress.hosts.push_back(more);
+  }
+  EXPECT_EQ(describeEnd(progress)[2],
+            "WARNING: nothing of /hom/ came from h1, h2, h4, h5, h6 and 1 more host; is it there?");
+}
+
 TEST(Replications, NameFilesAndFoldersApart) {
   Progress progress =
       parseProgress(

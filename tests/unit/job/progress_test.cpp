@@ -29,6 +29,8 @@ TEST_F(Progress, HasItsFieldsInOneLine) {
   strcpy(progress.host(1).host, "beta");
   progress.addPackage(0, true, 620);
   progress.addPackage(0, false, 1000);
+  progress.addUnread(0);
+  progress.setAbsent(0, {"/hom/", "/a\"b"});
   progress.hostChanged(0, tape::HostState::done);
   progress.hostChanged(1, tape::HostState::failed, "down");
   progress.finish(true, -993, "1 of 2 hosts failed");
@@ -42,9 +44,17 @@ TEST_F(Progress, HasItsFieldsInOneLine) {
           "\"volume\":9,\"level\":2,\"files\":1,\"bytes\":1620,\"rate\":R,\"expectedBytes\":5000,"
           "\"result\":-993,\"error\":\"1 of 2 hosts failed\",\"hosts\":["
           "{\"host\":\"alpha\",\"state\":\"done\",\"files\":1,\"bytes\":1620,\"rate\":R,"
-          "\"error\":\"\"},"
+          "\"error\":\"\",\"unread\":1,\"absent\":[\"/hom/\",\"/a\\\"b\"]},"
           "{\"host\":\"beta\",\"state\":\"failed\",\"files\":0,\"bytes\":0,\"rate\":R,"
-          "\"error\":\"down\"}]}\n");
+          "\"error\":\"down\",\"unread\":0,\"absent\":[]}]}\n");
+}
+
+TEST_F(Progress, NamesSomeOfWhatIsAbsent) {
+  progress.begin(7, "daily", 0, 1000);
+  progress.setHosts(1);
+  progress.setAbsent(0, std::vector<std::string>(50, "/x/"));
+  progress.finish(false, 0, "");
+  EXPECT_EQ(jobtest::count(progressRecord(), "\"/x/\""), 20);
 }
 
 TEST_F(Progress, IsRunningWithoutAResultUntilItEnds) {
