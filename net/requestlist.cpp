@@ -22,7 +22,6 @@ namespace {
 
 constexpr size_t kLineMax =
     285;  // a number, a blank, the longest path, a slash and a line feed fit well
-constexpr int kTornMs = 100;  // a line is written at once, but may be seen half
 constexpr int kLookMs = 20;
 
 char line[kLineMax + 1];
@@ -40,6 +39,19 @@ bool takeLine(FILE *list) {
   }
   line[used] = '\0';
   return used > 0 && line[used - 1] == '\n';
+}
+
+// A line is written at once, but may be seen half: then its rest comes soon. False when it does
+// not, or is too long.
+bool takeRestOfLine(FILE *list) {
+  for (long long endMs = base::nowMs() + timeouts.tornMs; used < kLineMax;) {
+    bool over = base::nowMs() >= endMs;
+    clearerr(list);
+    if (takeLine(list)) return true;
+    if (over) break;
+    base::sleepMs(kLookMs);
+  }
+  return false;
 }
 
 void skipRestOfLine(FILE *list) {
@@ -129,9 +141,7 @@ char *getLineList(FILE *fp) {
       case net::Taken::torn:
         break;
     }
-    base::sleepMs(net::kTornMs);
-    clearerr(fp);
-    if (net::takeLine(fp)) {
+    if (net::takeRestOfLine(fp)) {
       net::used = 0;
       path = net::pathInLine();
       if (path) return path;

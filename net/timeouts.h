@@ -13,6 +13,7 @@ struct Timeouts {
                  // progress
   int startMs;   // the first process of the list generator
   int listMs;    // a request list that does not appear
+  int tornMs;    // the rest of a line of the request list that was seen half
   int nudgeMs;   // an answer to "Next" that has to wait for the list: below streamMs, or the peer
                  // gives up
   int greetMs;   // a peer that paces itself by readiness connects to the gatherer it asked for

@@ -65,7 +65,7 @@ TEST_F(FanOutRequest, AllWellIsStatus0) {
 }
 
 TEST_F(FanOutRequest, TimeOutsAreToldFromUnreachableHosts) {
-  fanout::limits.connectMs = 200;
+  fanout::limits.connectMs = 1500;
   agents.blackHole("127.0.1.1");
   agents.at("127.0.1.2", saysNothing);
   std::string said = ask("Limit: 1\nHost: 127.0.1.1\nHost: 127.0.1.2\nCommand: TAPE version\n");

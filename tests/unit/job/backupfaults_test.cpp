@@ -18,7 +18,7 @@ using jobtest::Client;
 using jobtest::File;
 
 TEST_P(AnyBackup, AFullTapeStopsTheHostOrTheJob) {
-  net::gatherLimits.takenMs = 300;
+  net::gatherLimits.takenMs = 2000;
   loadTape(1 << 20);
   defineJob({"127.0.0.2"});
   alone([&] {
@@ -40,7 +40,7 @@ TEST_P(AnyBackup, AFullTapeStopsTheHostOrTheJob) {
 }
 
 TEST_P(AnyBackup, AFailedWriteOfOneHeaderIsReportedOnce) {
-  net::gatherLimits.takenMs = 300;
+  net::gatherLimits.takenMs = 2000;
   loadTape();
   defineJob({"127.0.0.2"});
   // The catalog copy takes nine.

@@ -416,7 +416,7 @@ TEST_F(Dialogue, ASilentPeerIsGivenUpByTheAlarm) {
 }
 
 TEST_F(Dialogue, AMailboxWithoutAPositionIsTriedUntilTheAlarm) {
-  behave("classic", "pause.mailbox-retry = 200ms\n");
+  behave("classic", "pause.mailbox-retry = 20ms\n");
   net::gatherLimits.stepS = 1;
   close(slot.wfd);
   slot.wfd = -1;

@@ -267,7 +267,7 @@ TEST_P(DialogueBoth, AnAbsentListIsAFailure) {
 TEST_P(DialogueBoth, APeerThatClosesWithoutQuitEndsTheDialogueByItsTimerOrAtOnce) {
   const bool isSound = std::string(GetParam()) == "sound";
   // The killed job's gatherer would stay for five minutes.
-  net::timeouts.stepMs = isSound ? 60000 : 200;
+  net::timeouts.stepMs = isSound ? 60000 : 1500;
   offer({file});
   itimerval timer{};
   bool handlerKept = false;
@@ -306,11 +306,11 @@ TEST_P(DialogueBoth, ATapeHostThatNeverConnectsIsGivenUp) {
 }
 
 TEST_P(DialogueBoth, ASilentPeerThatStaysIsNotGivenUp) {
-  net::timeouts.stepMs = 200;
-  net::timeouts.lineMs = 100;
+  net::timeouts.stepMs = 1500;
+  net::timeouts.lineMs = 200;
   offer({file});
   Gatherer gatherer(home, list);
-  base::sleepMs(500);  // several steps: each silence begins the timer anew
+  base::sleepMs(2500);  // longer than a step: each silence begins the timer anew
   EXPECT_EQ(gatherer.next().size, 8u);
   gatherer.say("Quit\n");
   EXPECT_EQ(gatherer.result(), 0);
@@ -338,7 +338,8 @@ TEST_P(DialogueBoth, NothingIsLeftBehindAfterANormalEnd) {
 }
 
 TEST_P(DialogueBoth, APeerMayLeaveAtEveryByteOfACommand) {
-  net::timeouts.stepMs = 200;
+  const bool isSound = std::string(GetParam()) == "sound";
+  net::timeouts.stepMs = isSound ? 60000 : 1500;
   offer({file, file});
   std::vector<std::unique_ptr<Gatherer>> gatherers;
   std::string commands = "Next\nGet\n";
@@ -347,12 +348,13 @@ TEST_P(DialogueBoth, APeerMayLeaveAtEveryByteOfACommand) {
     gatherers.back()->say(commands.substr(0, length));
     gatherers.back()->hangUp();
   }
-  const int lost = std::string(GetParam()) == "sound" ? -8 : -7;
+  const int lost = isSound ? -8 : -7;
   for (auto &gatherer : gatherers) EXPECT_EQ(gatherer->result(), lost);
 }
 
 TEST_P(DialogueBoth, APeerThatLeavesInsideAFileEndsOnlyThatFile) {
-  net::timeouts.stepMs = 200;
+  const bool isSound = std::string(GetParam()) == "sound";
+  net::timeouts.stepMs = isSound ? 60000 : 1500;
   support::writeFile(file, std::string(8 << 20, 'x'));
   offer({file});
   Gatherer gatherer(home, list);
@@ -360,7 +362,7 @@ TEST_P(DialogueBoth, APeerThatLeavesInsideAFileEndsOnlyThatFile) {
   gatherer.say("Get\n");
   support::readBytes(gatherer.sd(), 5000);
   gatherer.hangUp();
-  EXPECT_EQ(gatherer.result(), std::string(GetParam()) == "sound" ? -8 : -7);
+  EXPECT_EQ(gatherer.result(), isSound ? -8 : -7);
   EXPECT_NE(statusLog().find("Write to tape server failed on " + file), std::string::npos);
 }
 
@@ -544,7 +546,7 @@ TEST_F(SoundDialogue, AKilledGeneratorIsNoEndOfTheList) {
 
 TEST_F(SoundDialogue, AListThatTakesLongKeepsThePeerWaitingWithADirectoryItHas) {
   net::timeouts.nudgeMs = 60;
-  net::timeouts.stepMs = 200;
+  net::timeouts.stepMs = 3000;
   beginList("0 " + path("tmp/") + "\n1 " + file + "\n");
   Gatherer gatherer(home, list, apart());
   EXPECT_EQ(gatherer.next().type, 1);

@@ -75,6 +75,7 @@ TEST_F(RequestList, ALastLineWithoutALineFeedCounts) {
 }
 
 TEST_F(RequestList, ALineThatIsSeenHalfIsReadOnceMore) {
+  net::timeouts.tornMs = 20000;
   support::writeFile(file, "0 /home/us");
   base::File list(fopen(file.c_str(), "r"));
   std::thread writer([&] {
