@@ -28,7 +28,7 @@ PORT = 2345
 PROMPT = b"ZuL>"
 
 
-def eventually(condition, seconds=10, what="a condition"):
+def eventually(condition, seconds=30, what="a condition"):
     """The first true value of condition(); an error when there is none in time."""
     end = time.monotonic() + seconds
     while True:
@@ -68,7 +68,7 @@ def acceptance(name, key, server, client):
 class Console:
     """One console connection."""
 
-    def __init__(self, sock, limit=10):
+    def __init__(self, sock, limit=30):
         self.sock = sock
         sock.settimeout(limit)
 

@@ -118,7 +118,7 @@ def test_a_home_whose_path_is_too_long_is_refused(tmp_path, fake_module):
 def test_a_supervisor_hears_of_ready_and_stopping(make_home, fake_module, tmp_path):
     heard = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
     heard.bind(str(tmp_path / "notify"))
-    heard.settimeout(10)
+    heard.settimeout(30)
     home = make_home(module=fake_module)
     home.start(env={**os.environ, "NOTIFY_SOCKET": str(tmp_path / "notify")})
     assert heard.recv(100) == b"READY=1"

@@ -128,7 +128,7 @@ class Terminal:
     def type(self, text):
         os.write(self.fd, text.encode())
 
-    def wait_for(self, text, seconds=10):
+    def wait_for(self, text, seconds=30):
         """Waits for text behind what was waited for before."""
         end = time.monotonic() + seconds
         while text.encode() not in self.seen[self.mark:]:
@@ -146,7 +146,7 @@ class Terminal:
         self.seen += piece
         return bool(piece)
 
-    def end(self, seconds=10):
+    def end(self, seconds=30):
         """Reads to the end; the exit status."""
         end = time.monotonic() + seconds
         while time.monotonic() < end and self.read(max(0.01, end - time.monotonic())):

@@ -57,7 +57,7 @@ def backup(tape_host, job=7, level=0, fails=False, timeout=120):
     return record
 
 
-def nothing_left(hosts, seconds=10, but=()):
+def nothing_left(hosts, seconds=30, but=()):
     """No process but the daemon, no mailbox, data port, shared segment or held lock; "but" are words of what may be."""
     def all_clean():
         found = {host.name: [each for each in host.left_over() if not any(word in each for word in but)]

@@ -33,7 +33,7 @@ def run(*words, check=True, **options):
     return done
 
 
-def eventually(condition, seconds=20, what="a condition"):
+def eventually(condition, seconds=60, what="a condition"):
     end = time.monotonic() + seconds
     while True:
         value = condition()

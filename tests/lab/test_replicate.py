@@ -243,7 +243,7 @@ def test_what_cannot_be_run_is_said_at_once(make_lab):
     site.start()
 
     def refused(*words):
-        done = site.source.zul("replicate", *words, check=False, timeout=10)
+        done = site.source.zul("replicate", *words, check=False, timeout=60)
         assert done.returncode == 1, done.stdout + done.stderr
         return done.stdout + done.stderr
 

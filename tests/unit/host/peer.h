@@ -21,7 +21,7 @@ struct Peer {
   void endSending() const { shutdown(sd.get(), SHUT_WR); }
 
   // What arrives until it ends with `ending`, or the other side closes, or the limit has passed.
-  std::string hear(const std::string &ending, int limitMs = 5000) const {
+  std::string hear(const std::string &ending, int limitMs = 30000) const {
     std::string text;
     for (long long deadline = base::nowMs() + limitMs; ending.empty() || !text.ends_with(ending);) {
       long long left = deadline - base::nowMs();
@@ -36,8 +36,8 @@ struct Peer {
   }
   std::string hearLine() const { return hear("\n"); }
   // Everything until the other side closes.
-  std::string hearAll(int limitMs = 5000) const { return hear("", limitMs); }
-  bool isClosed(int limitMs = 5000) const {
+  std::string hearAll(int limitMs = 30000) const { return hear("", limitMs); }
+  bool isClosed(int limitMs = 30000) const {
     char byte;
     pollfd look{sd.get(), POLLIN, 0};
     return poll(&look, 1, limitMs) > 0 && recv(sd.get(), &byte, 1, 0) == 0;

@@ -77,7 +77,7 @@ class JobTest : public support::HomeTest {
   int backup(const std::string &level = "0");
   // The same, started only.
   pid_t startBackup(const std::string &level = "0");
-  int awaitBackup(pid_t pid, int limitSeconds = 20);
+  int awaitBackup(pid_t pid, int limitSeconds = 60);
 
   std::string jobLog() const { return support::readFile(path("var/tape/jobids/7.status")); }
   std::string hostLogOf(const std::string &host) const {

@@ -464,8 +464,7 @@ TEST_F(Lists, LinesDoNotWaitForTheEndOfTheWalk) {
   auto lines = std::make_unique<lists::LineWriter>(fd.get(), &count);
   EXPECT_TRUE(lines->add("/a", 2, true));
   EXPECT_EQ(count, 6);
-  EXPECT_TRUE(
-      support::eventually([&] { return lines->settle() && readFile(to) == "5 /a/\n"; }, 2000));
+  EXPECT_TRUE(support::eventually([&] { return lines->settle() && readFile(to) == "5 /a/\n"; }));
 }
 
 TEST_F(Lists, ManyLinesAreWrittenWholeAndInOrder) {

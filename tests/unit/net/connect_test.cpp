@@ -117,7 +117,7 @@ TEST_F(Connect, StartsConnectionsWithoutBlocking) {
     ASSERT_GE(sd.get(), 0);
     EXPECT_TRUE(fcntl(sd.get(), F_GETFL) & O_NONBLOCK);
     pollfd asked{sd.get(), POLLOUT, 0};
-    EXPECT_EQ(poll(&asked, 1, 5000), 1);
+    EXPECT_EQ(poll(&asked, 1, 30000), 1);
     int error = -1;
     socklen_t length = sizeof error;
     getsockopt(sd.get(), SOL_SOCKET, SO_ERROR, &error, &length);

@@ -147,7 +147,7 @@ void serve(const std::function<void(int)> &talk, const std::function<void(int)> 
   talk(sd);
   close(sd);
   int status = 0;
-  EXPECT_TRUE(support::eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; }, 8000));
+  EXPECT_TRUE(support::eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; }));
   ended(support::exitOf(status));
 }
 

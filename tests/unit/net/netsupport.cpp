@@ -108,7 +108,7 @@ void Gatherer::connect() {
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   address.sin_port = htons(static_cast<uint16_t>(port_));
   connection_.reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  timeval limit{10, 0};  // a test that waits for longer has failed
+  timeval limit{30, 0};  // a test that waits for longer has failed
   setsockopt(connection_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
   EXPECT_EQ(::connect(connection_.get(), reinterpret_cast<sockaddr *>(&address), sizeof address),
             0);

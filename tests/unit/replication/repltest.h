@@ -64,9 +64,9 @@ class ReplicationTest : public support::HomeTest {
   void offer(const std::vector<std::string> &paths);
 
   // replicate(job) in a process of its own, as goReplicate runs it: its result.
-  int run(const std::string &job = "5", int limitSeconds = 20);
+  int run(const std::string &job = "5", int limitSeconds = 60);
   pid_t start(const std::string &job = "5");
-  int await(pid_t pid, int limitSeconds = 20);
+  int await(pid_t pid, int limitSeconds = 60);
 
   std::string jobLog() const { return support::readFile(path("var/tape/jobids/replicate.5.stat")); }
   std::string console() const { return support::readFile(path("tmp/console")); }

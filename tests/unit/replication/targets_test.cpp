@@ -96,7 +96,7 @@ TEST_P(Driver, ADataPortThatIsNotOpenedIsSaid) {
     play.listens = false;
     TargetHost target("127.0.0.2", path("tmp"), play);
     // The end of the receiver is heard: nobody waits for a port that will not open.
-    EXPECT_EQ(run("5", 5), sound() ? -2 : 0);
+    EXPECT_EQ(run("5", 25), sound() ? -2 : 0);
     EXPECT_NE(jobLog().find("Listner failed for 127.0.0.2\n"), std::string::npos);
   });
 }
@@ -158,7 +158,7 @@ TEST_P(SoundDriver, ATargetThatDiesMidwayIsNoticedAtOnce) {
     };
     TargetHost dying("127.0.0.2", path("tmp"), play);
     TargetHost living("127.0.0.3", path("tmp"));
-    EXPECT_EQ(run("5", 5), -2);
+    EXPECT_EQ(run("5", 25), -2);
     EXPECT_NE(
         results().find(
             "{\"host\":\"127.0.0.2\",\"state\":\"failed\",\"reason\":\"the connection broke off\""),
@@ -173,7 +173,7 @@ TEST_P(SoundDriver, ATargetThatDiesMidwayIsNoticedAtOnce) {
 
 TEST_P(SoundDriver, ASilentTargetIsGivenUp) {
   alone([&] {
-    behave("sound", "replication.silence = 300ms\n");
+    behave("sound", "replication.silence = 3s\n");
     defineJob({"127.0.0.2", "127.0.0.3"}, path("copy"));
     TargetHost::Play play;
     play.receive = [](int listening) {
@@ -183,7 +183,7 @@ TEST_P(SoundDriver, ASilentTargetIsGivenUp) {
     };
     TargetHost silent("127.0.0.2", path("tmp"), play);
     TargetHost living("127.0.0.3", path("tmp"));
-    EXPECT_EQ(run("5", 5), -2);
+    EXPECT_EQ(run("5", 25), -2);
     EXPECT_NE(results().find("it said nothing for too long"), std::string::npos) << results();
     EXPECT_EQ(count(results(), "\"state\":\"done\""), 1);
   });
@@ -191,7 +191,7 @@ TEST_P(SoundDriver, ASilentTargetIsGivenUp) {
 
 TEST_P(SoundDriver, ATargetThatStallsInAFileIsGivenUpForThat) {
   alone([&] {
-    behave("sound", "replication.silence = 300ms\n");
+    behave("sound", "replication.silence = 3s\n");
     writeFile(path("tree/large"), std::string(16 << 20, 'x'));  // more than a connection holds
     offer({path("tree/large")});
     defineJob({"127.0.0.2", "127.0.0.3"}, path("copy"));
@@ -211,7 +211,7 @@ TEST_P(SoundDriver, ATargetThatStallsInAFileIsGivenUpForThat) {
     };
     TargetHost stalling("127.0.0.2", path("tmp"), play);
     TargetHost living("127.0.0.3", path("tmp"));
-    EXPECT_EQ(run("5", 5), -2);
+    EXPECT_EQ(run("5", 25), -2);
     EXPECT_NE(results().find("it said nothing for too long"), std::string::npos) << results();
     EXPECT_NE(jobLog().find("Unable to handshake with 127.0.0.2.  Got error -7\n"),
               std::string::npos)

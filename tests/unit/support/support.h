@@ -42,7 +42,7 @@ class HomeTest : public ::testing::Test {
 
   // Runs body in a child with a network of its own, the fixed ports free; its failures are this
   // test's.
-  static void alone(const std::function<void()> &body, int limitSeconds = 30);
+  static void alone(const std::function<void()> &body, int limitSeconds = 60);
 
  private:
   FILE *status_ = nullptr;
@@ -55,7 +55,7 @@ std::string captureStdout(const std::function<void()> &body);
 
 // Runs body in a forked child, which leaves with body's result; returns the wait status. The child
 // is killed when it runs for longer than limitSeconds, and the test fails.
-int inChild(const std::function<int()> &body, int limitSeconds = 20);
+int inChild(const std::function<int()> &body, int limitSeconds = 60);
 // Its exit status, or 1000 + the signal.
 int exitOf(int waitStatus);
 
@@ -64,7 +64,7 @@ void writeFile(const std::string &path, const std::string &content, mode_t mode 
 bool exists(const std::string &path);
 
 // True as soon as condition holds; false when limitMs has passed.
-bool eventually(const std::function<bool()> &condition, int limitMs = 5000);
+bool eventually(const std::function<bool()> &condition, int limitMs = 20000);
 
 // Bytes that differ from place to place.
 std::string pattern(size_t size, unsigned seed = 1);
