@@ -97,7 +97,8 @@ struct Loading {
   size_t fill = 0;
   size_t pairs = 0;
 
-  bool hasRoom() const { return pairs < kMostPairs && kTableTexts - fill > kLoadLine; }
+  // A longest line that just fits leaves fill a byte behind the buffer.
+  bool hasRoom() const { return pairs < kMostPairs && fill + kLoadLine < kTableTexts; }
 
   // Reads the next line to the fill point; false at the end of the file.
   bool next(FILE *in) { return fgets(buffer + fill, kLoadLine + 1, in) != nullptr; }

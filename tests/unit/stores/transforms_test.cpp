@@ -214,6 +214,19 @@ TEST_P(EveryTransforms, LoadStopsWhenItsBufferIsUsedUp) {
   EXPECT_EQ(statusLog(), "NOTICE:  Transforms of job 5: no room for more than 1 of them\n");
 }
 
+TEST_P(EveryTransforms, LoadOfALineThatEndsBehindTheBufferIsTheLast) {
+  // Every line takes two bytes more than it has: behind these 18 one is left that just fits.
+  std::string file;
+  for (int line = 0; line < 17; line++) file += std::string(510, 'x') + "\n";
+  file += std::string(492, 'y') + "\n";
+  for (int line = 0; line < 3; line++) file += std::string(510, 'z') + "\n";
+  put(kFile, file + "/c>/d\n");
+  run([&] { return readTransforms(5, buffer.data(), table); });
+  EXPECT_EQ(result, isSound() ? -1 : 0);
+  EXPECT_EQ(table[0], nullptr);
+  EXPECT_EQ(statusLog(), "NOTICE:  Transforms of job 5: no room for more than 0 of them\n");
+}
+
 TEST_P(EveryTransforms, LoadOfOddBytesStaysInItsBuffer) {
   put(kFile, std::string(100000, '>') + std::string("\n\0\0\0\n>\n>>>>\n", 12));
   run([&] { return readTransforms(5, buffer.data(), table); });
