@@ -368,11 +368,14 @@ void keepDirectory(const package &header, const char *root) {
   struct stat there;
   char path[kPathRoom];
   int length = snprintf(path, sizeof path, "%.256s%.256s", root, header.filename);
-  if (!beneathRoot() || static_cast<size_t>(length) >= sizeof path || !lookAt(path, &there)) return;
-  if (!S_ISDIR(there.st_mode)) return;
-  remember(there.st_mode, {there.st_atim, there.st_mtim}, path);
   Place place;
-  if (locate(path, false, &place)) sweepParts(place.dir, place.name);
+  if (!beneathRoot() || static_cast<size_t>(length) >= sizeof path) return;
+  // A link that serves as the directory is left to itself, here as in makeDirectory.
+  if (!locate(path, false, &place) ||
+      fstatat(place.dir, place.name, &there, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISDIR(there.st_mode))
+    return;
+  remember(there.st_mode, {there.st_atim, there.st_mtim}, path);
+  sweepParts(place.dir, place.name);
 }
 
 int makeDirectory(const package &header, const char *path) {

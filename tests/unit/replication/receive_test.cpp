@@ -536,6 +536,17 @@ TEST_P(SoundHandshake, DirectoriesKeepTheirTimesAlthoughTheyAreFilled) {
   EXPECT_EQ(statOf(root + "/d").st_mode & 07777, 0750u);
 }
 
+TEST_P(SoundHandshake, ALinkToADirectoryServesAsThatDirectoryWhateverTheConflictMode) {
+  std::filesystem::create_directories(root + "/usr/lib");
+  ASSERT_EQ(symlink("usr/lib", (root + "/lib").c_str()), 0);
+  for (int conflict : {0, 1, 2, 4, 8}) {
+    std::string name = "/lib/" + std::to_string(conflict);
+    EXPECT_EQ(run({{headerOf("/lib/", 1), ""}, file(name, "x")}, conflict), 0) << said;
+    EXPECT_EQ(readFile(root + "/usr" + name), "x") << conflict;
+    EXPECT_EQ(linkAt(root + "/lib"), "usr/lib");
+  }
+}
+
 TEST_P(SoundHandshake, WholeMegabytesThatCannotBeMadeCostOnlyThemselves) {
   std::filesystem::create_directories(root + "/f/full");
   for (bool trailing : {true, false}) {
