@@ -40,6 +40,7 @@ struct Pending {
 struct State {
   char root[kPathRoom];
   int rootFd;
+  int rootError;               // why the root that was begun cannot be opened, or 0
   char parentPath[kPathRoom];  // the parent opened last: files of one directory come one after the
                                // other
   int parentFd;
@@ -51,7 +52,7 @@ struct State {
   int32_t sequence;  // of its next segment
   package part;      // header of its first segment
   char error[512];
-} state = {"", -1, "", -1, nullptr, -1, -1, 0, {}, ""};
+} state = {"", -1, 0, "", -1, nullptr, -1, -1, 0, {}, ""};
 
 void printForRestore(Remark remark, const char *) {
   base::print(stderr, remark == Remark::timesNotSet ? "Warning cannot set file time \n"
@@ -155,12 +156,17 @@ bool makeParent(const char *path) {
   return rmkdir(parent, 0755) == 0;
 }
 
+// Where nothing was begun the root is "/". One that was begun and cannot be opened is not exchanged
+// for that: links would lead out of it.
+bool rootIsOpen() {
+  if (state.rootFd < 0 && state.rootError == 0) begin("");
+  if (state.rootFd < 0) errno = state.rootError;
+  return state.rootFd >= 0;
+}
+
 // The place of a path. parents: make the missing ones.
 bool locate(const char *path, bool parents, Place *place) {
-  if (beneathRoot()) {
-    if (state.rootFd < 0) begin("");
-    return state.rootFd >= 0 && locateBeneath(path, parents, place);
-  }
+  if (beneathRoot()) return rootIsOpen() && locateBeneath(path, parents, place);
   *place = Place{AT_FDCWD, path, 0, {}};
   return !parents || makeParent(path);
 }
@@ -324,15 +330,19 @@ void begin(const char *root) {
   if (!beneathRoot()) return;
   if (*root) rmkdir(root, 0755);
   state.rootFd = open(*root ? root : "/", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (state.rootFd < 0) failed(kNoParent, "cannot use destination", *root ? root : "/");
+  if (state.rootFd >= 0) {
+    sweepParts(state.rootFd, ".");  // no list names the root itself
+  } else {
+    state.rootError = errno;
+    failed(kNoParent, "cannot use destination", *root ? root : "/");
+  }
 }
 
 bool lookAt(const char *path, struct stat *there) {
   size_t length = strlen(path);
   if (beneathRoot() && length > 0 && path[length - 1] == '/') {
     // A link that leads to a directory beneath the root is that directory.
-    if (state.rootFd < 0) begin("");
-    base::Fd directory(openBeneath(belowRoot(path), O_PATH | O_DIRECTORY));
+    base::Fd directory(rootIsOpen() ? openBeneath(belowRoot(path), O_PATH | O_DIRECTORY) : -1);
     if (directory) return fstat(directory.get(), there) == 0;
   }
   Place place;
@@ -351,6 +361,7 @@ bool end() {
   whole = finishDirectories() && whole;
   closeIf(&state.parentFd);
   closeIf(&state.rootFd);
+  state.rootError = 0;
   state.parentPath[0] = state.root[0] = '\0';
   return whole;
 }

@@ -306,6 +306,24 @@ TEST_P(SoundGetFile, AFullDiskLeavesTheOldFileAndTakesTheBytes) {
   EXPECT_EQ(readFile(root + "/f"), "the old one");
 }
 
+TEST_P(SoundGetFile, ARootThatCannotBeOpenedIsNotExchangedForAnother) {
+  mkdir(path("outside").c_str(), 0755);
+  for (const char *folder : {"", "outside"}) chmod(path(folder).c_str(), 0777);
+  ASSERT_EQ(symlink(path("outside").c_str(), (root + "/link").c_str()), 0);
+  chmod(root.c_str(), 0333);
+  int status = support::inChild([&] {
+    if (getuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) return 99;
+    target::begin(root.c_str());
+    package header = headerOf("/link/f", 0, 5);
+    int result = take(framed(header, "hello"), "/link/f");
+    bool told = strstr(target::lastError(), strerror(EACCES)) != nullptr;
+    return result == target::kNoParent && told ? 0 : 1;
+  });
+  chmod(root.c_str(), 0755);
+  EXPECT_EQ(support::exitOf(status), 0);
+  EXPECT_FALSE(exists(path("outside/f")));
+}
+
 TEST_P(SoundGetFile, ALinkLongerThanAnyIsOutOfStep) {
   EXPECT_EQ(take(packed(headerOf("/l", 2, 1 << 30)) + std::string(9000, 'x'), "/l"), -10);
   EXPECT_FALSE(exists(root + "/l"));
@@ -591,6 +609,14 @@ TEST_P(SoundHandshake, PartsOfReceiversThatWereKilledGoWithTheNextRun) {
     EXPECT_EQ(statOf(root + "/d").st_mtime, conflict == 4 ? 1000000000 : 5);
     std::filesystem::remove_all(root + "/d");
   }
+}
+
+TEST_P(SoundHandshake, APartLeftInTheRootGoesToo) {
+  std::string part = root + "/.zulpart." + std::to_string(pidOfTheDead());
+  writeFile(part, "half of it");
+  chmod(part.c_str(), 0600);
+  EXPECT_EQ(run({file("/f", "x")}), 0);
+  EXPECT_FALSE(exists(part));
 }
 
 TEST_P(SoundHandshake, ASecondRunMendsWhatDiffersAndNothingElse) {
