@@ -23,6 +23,7 @@ constexpr char kCommandEnded[] = "ZuL_DoNe.";
 constexpr char kNotWanted[] = "ERROR:  Restore path is null!";  // said for every file that is kept
 constexpr int kMostComplaints = 50;                             // of one receiver in the log
 constexpr int kMostFailures = 100;
+constexpr int kReadsAtOnce = 64;  // a target that never stops talking must not keep its sender
 
 Delivery nobody;
 
@@ -49,12 +50,17 @@ void setTo(uint64_t *count, uint64_t value) {
   __atomic_store_n(count, value, __ATOMIC_RELAXED);
 }
 
-// A line of the receiver, whose bytes are somebody else's.
+// Texts of a target, whose bytes are somebody else's, end up on an operator's terminal.
+void makePrintable(char *text) {
+  for (char *at = text; *at; at++)
+    if (iscntrl(static_cast<unsigned char>(*at))) *at = '?';
+}
+
+// A line of the receiver.
 void takeLine() {
   receiver.line[receiver.used] = '\0';
   receiver.used = 0;
-  for (char *at = receiver.line; *at; at++)
-    if (iscntrl(static_cast<unsigned char>(*at))) *at = '?';
+  makePrintable(receiver.line);
   if (strncmp(receiver.line, kCommandEnded, sizeof kCommandEnded - 1) == 0) {
     receiver.ended = true;
     receiver.status = base::decimal(receiver.line + sizeof kCommandEnded - 1);
@@ -107,6 +113,7 @@ void noteReason(const char *format, ...) {
   va_start(args, format);
   vsnprintf(account->reason, sizeof account->reason, format, args);
   va_end(args);
+  makePrintable(account->reason);
 }
 
 bool isFailure(const char *line) {
@@ -138,7 +145,7 @@ void lookAtReceiver() {
   if (receiver.console < 0) return;
   char bytes[4096];
   int kept = errno;
-  for (;;) {
+  for (int reads = 0; reads < kReadsAtOnce; reads++) {
     ssize_t got = recv(receiver.console, bytes, sizeof bytes, MSG_DONTWAIT);
     if (got > 0) {
       takeBytes(bytes, static_cast<size_t>(got));

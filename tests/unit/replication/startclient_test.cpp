@@ -1,9 +1,12 @@
 // The processes of a job called directly: one target is asked, the list builder is started.
 #include <errno.h>
 #include <string.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include "net/delivery.h"
 #include "repltest.h"
 
 using repltest::TargetHost;
@@ -128,6 +131,36 @@ TEST_F(StartClient, NothingGoesInClearThatShouldNotUnderSound) {
   EXPECT_EQ(startWith("Rep Flags=n\n", 2), -6);
   EXPECT_EQ(startWith("Rep Flags=n\n", 0), 0);
   EXPECT_EQ(startWith("Rep Flags=e\n", 2), 0);
+}
+
+TEST_F(StartClient, WhatATargetSaysCannotSteerATerminal) {
+  site("behaviour = sound\n");
+  net::keepAccount(nullptr);
+  TargetHost::Play play;
+  play.reply = "ERROR:  \033[2Jgone\n";
+  play.listens = false;
+  alone([&] {
+    TargetHost target("127.0.0.2", path("tmp"), play);
+    EXPECT_EQ(startReplicateClnt("127.0.0.2", "/x", 4, 0), -6);
+    EXPECT_STREQ(net::delivery()->reason, "its agent refuses: ERROR:  ?[2Jgone");
+  });
+}
+
+TEST(Receiver, ThatNeverStopsTalkingIsNotHeardForEver) {
+  int pair[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, pair), 0);
+  int room = 8 << 20, unread = 0;  // the system gives as much as it may
+  setsockopt(pair[1], SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
+  std::string noise(32 << 10, 'n');
+  while (send(pair[1], noise.data(), noise.size(), MSG_NOSIGNAL) > 0) {
+  }
+  net::watchReceiver("talker", pair[0]);
+  EXPECT_FALSE(net::receiverEnded());
+  ioctl(pair[0], FIONREAD, &unread);
+  EXPECT_GT(unread, 0);
+  net::watchReceiver("", -1);
+  close(pair[0]);
+  close(pair[1]);
 }
 
 TEST_F(StartClient, ARefusalIsNoAgreementUnderSound) {
