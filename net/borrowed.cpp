@@ -199,6 +199,36 @@ bool writeBoth(int fd, const void *head, size_t headBytes, const void *data, siz
   return true;
 }
 
+ssize_t readOn(int fd, void *buf, size_t n, size_t *done) {
+  if (shouldEncrypt(kQuery) == 1) {
+    scramfn hook = getScramPtrs(kReadHook);
+    return hook ? hook(fd, buf, n) : kNoHook;
+  }
+  char *to = static_cast<char *>(buf) + *done;
+  bool isSocket = true;
+  while (*done < n) {
+    ssize_t got;
+    int outcome = readWhenReady(fd, to, n - *done, timeouts.streamMs, &isSocket, &got);
+    if (outcome < 0) return outcome;
+    if (got > 0) {
+      to += got;
+      *done += static_cast<size_t>(got);
+      continue;
+    }
+    // An ended stream leaves errno alone, and callers are told by what an earlier call left there;
+    // but a stale EINTR must not make an ended stream be read for ever.
+    if (got < 0 && errno == EINTR) continue;
+    if (errno != ENOENT) return -4;
+    base::print(
+        stderr,
+        "ERROR:  No Socket.  Connection closed from other end. nread=%li, nleft= %li, fd=%i, "
+        "ptr=%p, errno = %i\n",
+        static_cast<long>(got), static_cast<long>(n - *done), fd, static_cast<void *>(to), ENOENT);
+    return -3;
+  }
+  return static_cast<ssize_t>(n);
+}
+
 }  // namespace net
 
 ssize_t writen(int fd, const void *buf, size_t n) {
@@ -212,34 +242,8 @@ ssize_t writen(int fd, const void *buf, size_t n) {
 }
 
 ssize_t readn(int fd, void *buf, size_t n) {
-  if (shouldEncrypt(net::kQuery) == 1) {
-    scramfn hook = getScramPtrs(net::kReadHook);
-    return hook ? hook(fd, buf, n) : net::kNoHook;
-  }
-  char *to = static_cast<char *>(buf);
-  size_t left = n;
-  bool isSocket = true;
-  while (left > 0) {
-    ssize_t got;
-    int outcome = net::readWhenReady(fd, to, left, net::timeouts.streamMs, &isSocket, &got);
-    if (outcome < 0) return outcome;
-    if (got > 0) {
-      to += got;
-      left -= static_cast<size_t>(got);
-      continue;
-    }
-    // An ended stream leaves errno alone, and callers are told by what an earlier call left there;
-    // but a stale EINTR must not make an ended stream be read for ever.
-    if (got < 0 && errno == EINTR) continue;
-    if (errno != ENOENT) return -4;
-    base::print(
-        stderr,
-        "ERROR:  No Socket.  Connection closed from other end. nread=%li, nleft= %li, fd=%i, "
-        "ptr=%p, errno = %i\n",
-        static_cast<long>(got), static_cast<long>(left), fd, static_cast<void *>(to), ENOENT);
-    return -3;
-  }
-  return static_cast<ssize_t>(n);
+  size_t done = 0;
+  return net::readOn(fd, buf, n, &done);
 }
 
 ssize_t readnline(int fd, void *buf, size_t size) {

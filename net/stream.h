@@ -11,4 +11,8 @@ namespace net {
 bool writeBoth(int fd, const void *head, size_t headBytes, const void *data, size_t dataBytes,
                size_t *done);
 
+// readn that can be taken up again: done counts the bytes that are there. After a time-out the same
+// call goes on behind them, and nothing is lost of what has come by then.
+ssize_t readOn(int fd, void *buf, size_t n, size_t *done);
+
 }  // namespace net

@@ -17,6 +17,7 @@
 #include "base/process.h"
 #include "base/site.h"
 #include "net/accept.h"
+#include "net/stream.h"
 #include "replication/target.h"
 
 namespace {
@@ -50,11 +51,13 @@ void printRemark(target::Remark remark, const char *path) {
 }
 
 // Reads a header; false when there is none. A time-out is retried without limit: the sender may be
-// walking over a tree in which nothing is to be sent.
+// walking over a tree in which nothing is to be sent. Begun anew behind half a header, the other
+// half and what follows it would be taken for one.
 bool readHeader(int sd, char *raw) {
+  size_t done = 0;
   ssize_t got;
   do {
-    got = readn(sd, raw, PACK_SIZE);
+    got = net::readOn(sd, raw, PACK_SIZE, &done);
   } while (got == -2);
   return got == PACK_SIZE;
 }

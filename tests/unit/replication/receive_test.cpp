@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "base/pause.h"
+#include "net/timeouts.h"
 #include "replication/target.h"
 #include "repltest.h"
 
@@ -378,6 +379,12 @@ class Handshake : public support::HomeTest, public testing::WithParamInterface<c
         answer = at < files.size() ? packed(files[at++].header) : last;
       if (strncmp(line, "Get", 3) == 0)
         answer = files[at - 1].data.empty() ? packed(files[at - 1].header) : files[at - 1].data;
+      size_t part = stallMs > 0 ? answer.size() / 3 : 0;
+      if (part > 0) {
+        send(sd.get(), answer.data(), part, MSG_NOSIGNAL);
+        base::sleepMs(stallMs);
+        answer.erase(0, part);
+      }
       // What the receiver leaves unread must not keep the sender.
       send(sd.get(), answer.data(), answer.size(), MSG_NOSIGNAL);
       if (answer.empty() && strncmp(line, "Next", 4) == 0) return;
@@ -390,6 +397,7 @@ class Handshake : public support::HomeTest, public testing::WithParamInterface<c
   bool sound() const { return strcmp(GetParam(), "sound") == 0; }
   std::string root, asked, said;
   long long firstMs = 0;
+  int stallMs = 0;  // in the middle of an answer
 };
 
 INSTANTIATE_TEST_SUITE_P(, Handshake, testing::Values("classic", "sound"),
@@ -417,6 +425,16 @@ TEST_P(Handshake, ASenderThatClosesIsAnError) {
   EXPECT_EQ(run({file("/a", "aa")}, 4, ""), -2);
   EXPECT_NE(said.find("ERROR:  Can't read servers response to Next\n"), std::string::npos);
   EXPECT_EQ(readFile(root + "/a"), "aa");
+}
+
+TEST_P(Handshake, AHeaderThatComesInPiecesIsPutTogether) {
+  net::Timeouts kept = net::timeouts;
+  net::timeouts.streamMs = 20;
+  stallMs = 100;
+  EXPECT_EQ(run({file("/a", "aa"), file("/b", "bb")}), 0) << said;
+  net::timeouts = kept;
+  EXPECT_EQ(readFile(root + "/a"), "aa");
+  EXPECT_EQ(readFile(root + "/b"), "bb");
 }
 
 TEST_P(Handshake, WhatIsNotWantedIsNotAskedFor) {
