@@ -288,7 +288,9 @@ TEST_P(ClassicDriver, TheStatedPausesAreTheTables) {
 TEST_P(ClassicDriver, AHandshakeThatFailsIsSaid) {
   alone([&] {
     defineJob({"127.0.0.2"}, path("copy"));
-    TargetHost target("127.0.0.2", path("tmp"));
+    TargetHost::Play play;
+    play.awaitsList = false;
+    TargetHost target("127.0.0.2", path("tmp"), play);
     // No list can be made there, nor read.
     ASSERT_EQ(symlink(path("none/list").c_str(), path("var/tape/jobids/repl.5").c_str()), 0);
     EXPECT_EQ(run(), 0);

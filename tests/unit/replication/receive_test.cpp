@@ -367,8 +367,8 @@ class Handshake : public support::HomeTest, public testing::WithParamInterface<c
     address.sin_port = htons(static_cast<uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     base::Fd sd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    ASSERT_EQ(connect(sd.get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
     firstMs = -base::nowMs();
+    ASSERT_EQ(connect(sd.get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
     size_t at = 0;
     char line[512];
     while (readnline(sd.get(), line, sizeof line) > 0) {

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "base/site.h"
 #include "repltest.h"
 
 namespace repltest {
@@ -53,6 +54,17 @@ std::string endOfList() {
   return packed(end);
 }
 
+// Classic senders read the list as it is when they come to it, and connect once. So that no test
+// depends on how long a list takes, or a port, the answer waits for both.
+constexpr char kListDue[] = "/list.due";
+
+static void awaitList(const std::string &folder) {
+  std::string due = folder + kListDue, list = folder + "/../var/tape/jobids/repl.5";
+  if (!support::exists(due)) return;
+  support::eventually(
+      [&] { return support::exists(list) && support::readFile(list) == support::readFile(due); });
+}
+
 // One request of the sending host.
 static void playRequest(int sd, const std::string &address, const std::string &folder,
                         const TargetHost::Play &play) {
@@ -60,6 +72,9 @@ static void playRequest(int sd, const std::string &address, const std::string &f
   int log = open((folder + "/" + address + ".asked").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
   (void)!write(log, line.data(), line.size());
   close(log);
+  if (play.awaitsList) awaitList(folder);
+  int listening = -1;
+  if (play.listens && !play.resets) listening = support::listenAt(address, ZULSRV_PORT);
   send(sd, play.reply.data(), play.reply.size(), MSG_NOSIGNAL);
   if (play.resets) {
     linger atOnce{1, 0};
@@ -74,7 +89,6 @@ static void playRequest(int sd, const std::string &address, const std::string &f
     snprintf(destination, sizeof destination, "%s", play.destination.c_str());
   int status = 1;
   if (play.listens) {
-    int listening = support::listenAt(address, ZULSRV_PORT);
     // The receiver's complaints go to the console, as an agent relays them.
     dup2(sd, 0);
     dup2(sd, 2);
@@ -127,9 +141,8 @@ void ReplicationTest::SetUp() {
 }
 
 void ReplicationTest::behave(const std::string &behaviour, const std::string &more) {
-  // Without the stream remedies a list is read once: it has to be there before.
   site("behaviour = " + behaviour + "\nbehaviour.security = classic\npause.list-start = 1ms\n" +
-       (behaviour == "classic" ? "pause.list-grace = 100ms\npause.receiver-start = 50ms\n"
+       (behaviour == "classic" ? "pause.list-grace = 1ms\npause.receiver-start = 1ms\n"
                                  "pause.receiver-ready = 5ms\npause.replicate-start = 5ms\n"
                                  "pause.replicate-poll = 10ms\n"
                                : "") +
@@ -156,6 +169,10 @@ void ReplicationTest::offer(const std::vector<std::string> &paths) {
 }
 
 pid_t ReplicationTest::start(const std::string &job) {
+  std::string source = path("var/tape/jobids/5"), due = path("tmp") + kListDue;
+  unlink(due.c_str());
+  if (!base::sound(base::Area::stream) && support::exists(source))
+    mkBackupList(source.data(), due.data(), 0);
   fflush(nullptr);
   pid_t pid = fork();
   if (pid != 0) return pid;

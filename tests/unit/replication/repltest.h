@@ -33,6 +33,7 @@ class TargetHost {
     bool listens = true;                  // the data port is opened at all
     bool tellsEnd = true;                 // the end of the request is said
     bool resets = false;                  // the connection is torn down behind the answer
+    bool awaitsList = true;               // answers when a classic sender has its list
     std::string destination;              // instead of the one asked for
     // Instead of the receiver; the exit status of the request.
     std::function<int(int listening)> receive;

@@ -1,4 +1,5 @@
-// Targets that fail, fall silent or say too much: what they cost a job, and that the others are served.
+// Targets that fail, fall silent or say too much: what they cost a job, and that the others are
+// served.
 #include <signal.h>
 #include <string.h>
 #include <sys/socket.h>
