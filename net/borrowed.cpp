@@ -199,6 +199,10 @@ bool writeBoth(int fd, const void *head, size_t headBytes, const void *data, siz
   return true;
 }
 
+namespace {
+
+// readn that can be taken up again: done counts the bytes that are there. After a time-out the same
+// call goes on behind them.
 ssize_t readOn(int fd, void *buf, size_t n, size_t *done) {
   if (shouldEncrypt(kQuery) == 1) {
     scramfn hook = getScramPtrs(kReadHook);
@@ -227,6 +231,17 @@ ssize_t readOn(int fd, void *buf, size_t n, size_t *done) {
     return -3;
   }
   return static_cast<ssize_t>(n);
+}
+
+}  // namespace
+
+bool readPatiently(int fd, void *buf, size_t n) {
+  size_t done = 0;
+  ssize_t got;
+  do {
+    got = readOn(fd, buf, n, &done);
+  } while (got == kTimedOut);
+  return got == static_cast<ssize_t>(n);
 }
 
 }  // namespace net

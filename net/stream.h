@@ -11,8 +11,9 @@ namespace net {
 bool writeBoth(int fd, const void *head, size_t headBytes, const void *data, size_t dataBytes,
                size_t *done);
 
-// readn that can be taken up again: done counts the bytes that are there. After a time-out the same
-// call goes on behind them, and nothing is lost of what has come by then.
-ssize_t readOn(int fd, void *buf, size_t n, size_t *done);
+// Reads n bytes however long they take. A time-out is no end, and what has come before it is kept:
+// begun anew behind half a header, readn would take the other half and what follows it for one.
+// False when there are not that many.
+bool readPatiently(int fd, void *buf, size_t n);
 
 }  // namespace net

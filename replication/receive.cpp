@@ -51,15 +51,9 @@ void printRemark(target::Remark remark, const char *path) {
 }
 
 // Reads a header; false when there is none. A time-out is retried without limit: the sender may be
-// walking over a tree in which nothing is to be sent. Begun anew behind half a header, the other
-// half and what follows it would be taken for one.
+// walking over a tree in which nothing is to be sent.
 bool readHeader(int sd, char *raw) {
-  size_t done = 0;
-  ssize_t got;
-  do {
-    got = net::readOn(sd, raw, PACK_SIZE, &done);
-  } while (got == -2);
-  return got == PACK_SIZE;
+  return net::readPatiently(sd, raw, PACK_SIZE);
 }
 
 // Reads and unpacks a header on the way of a file. 0, or result.

@@ -19,6 +19,7 @@
 #include "base/site.h"
 #include "base/text.h"
 #include "net/accept.h"
+#include "net/stream.h"
 #include "replication/target.h"
 
 namespace {
@@ -164,11 +165,7 @@ int takeFile(Dialogue *dialogue, package *header) {
 
 // Reads the answer to "Next". A time-out is retried: the tape host may be searching a long tape.
 bool readHeader(int sd, char *raw) {
-  ssize_t got;
-  do {
-    got = readn(sd, raw, PACK_SIZE);
-  } while (got == -2);
-  return got == PACK_SIZE;
+  return net::readPatiently(sd, raw, PACK_SIZE);
 }
 
 // 1 to go on, 0 at the end of the list, negative on failure.

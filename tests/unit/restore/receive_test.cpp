@@ -16,6 +16,8 @@
 #include <thread>
 #include <vector>
 
+#include "base/pause.h"
+#include "net/timeouts.h"
 #include "replication/target.h"
 #include "support.h"
 
@@ -349,7 +351,10 @@ class Agent : public support::HomeTest {
           end.magic = PACK_EOL_MAGIC;
           packPackage(raw, &end);
         }
-        writen(sd, raw, sizeof raw);
+        size_t part = stallMs > 0 ? sizeof raw / 3 : 0;
+        writen(sd, raw, part);
+        base::sleepMs(stallMs);
+        writen(sd, raw + part, sizeof raw - part);
       } else if (strncmp(line, "Get", 3) == 0) {
         writen(sd, files[at - 1].data.data(), files[at - 1].data.size());
       }
@@ -357,6 +362,7 @@ class Agent : public support::HomeTest {
     close(sd);
   }
   int sd = -1;
+  int stallMs = 0;  // in the middle of a header
   std::string asked, said;
 };
 
@@ -366,6 +372,17 @@ TEST_F(Agent, AsksForEveryFileAndEndsWithTheList) {
   EXPECT_EQ(asked, "Next\nGet\nNext\nGet\nNext\n");
   EXPECT_EQ(readFile(path("dest/a")), "aa");
   EXPECT_TRUE(exists(path("dest/b")));
+}
+
+TEST_F(Agent, AHeaderThatComesInPiecesIsPutTogether) {
+  site("pause.receiver-ready = 0\n");
+  net::Timeouts kept = net::timeouts;
+  net::timeouts.streamMs = 20;
+  stallMs = 100;
+  EXPECT_EQ(run({{headerOf("/a", 0, 0), ""}, {headerOf("/b", 0, 0), ""}}, 4), 0) << said;
+  net::timeouts = kept;
+  EXPECT_EQ(asked, "Next\nGet\nNext\nGet\nNext\n");
+  EXPECT_TRUE(exists(path("dest/a")));
 }
 
 TEST_F(Agent, WaitsBeforeItsFirstQuestionInClassic) {
