@@ -16,6 +16,7 @@
 #include "base/pause.h"
 #include "base/site.h"
 #include "net/gatherer.h"
+#include "net/service.h"
 
 namespace net {
 
@@ -77,6 +78,7 @@ int acceptPeer(int listening, int limitMs, bool whileAsked) {
     in6_addr peer = {};
     if (anyone || (peerOf(sd, &peer) && memcmp(&peer, &expected, sizeof peer) == 0)) {
       nagleOnOff(sd, 1);  // headers and commands are answers somebody waits for
+      noticeDeath(sd);
       return sd;
     }
     close(sd);

@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <netdb.h>
+#include <netinet/tcp.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -32,6 +33,14 @@ sockaddr_in serviceAddress(const char *service) {
 int streamSocket() {
   protoent *tcp = getprotobyname("tcp");
   return socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, tcp ? tcp->p_proto : 0);
+}
+
+void noticeDeath(int sd) {
+  int on = 1, idleS = 300, intervalS = 60, tries = 5;
+  setsockopt(sd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+  setsockopt(sd, IPPROTO_TCP, TCP_KEEPIDLE, &idleS, sizeof idleS);
+  setsockopt(sd, IPPROTO_TCP, TCP_KEEPINTVL, &intervalS, sizeof intervalS);
+  setsockopt(sd, IPPROTO_TCP, TCP_KEEPCNT, &tries, sizeof tries);
 }
 
 bool resolveHost(const char *host, sockaddr_in *address) {

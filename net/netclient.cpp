@@ -260,6 +260,7 @@ int mkClientSD(const char *host) {
   // The dialogue is lines and answers in turn: a line that waits for the kernel to gather more
   // costs a file 40 ms.
   nagleOnOff(sd, 1);
+  net::noticeDeath(sd);
   base::print(backuplog, "Socket Descriptor = %i\n", sd);
   return sd;
 }

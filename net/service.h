@@ -13,6 +13,10 @@ sockaddr_in serviceAddress(const char *service);
 // A stream socket, close-on-exec; -1 when there is none.
 int streamSocket();
 
+// A host that loses its power closes nothing. With this the kernel asks it now and then whether it
+// is still there, and a connection that is waited on without a limit ends when it is not.
+void noticeDeath(int sd);
+
 // Fills in the first address of a host; false when its name is not known.
 bool resolveHost(const char *host, sockaddr_in *address);
 

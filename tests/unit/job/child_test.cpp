@@ -265,6 +265,10 @@ TEST_F(Child, PacedByReadinessARefusedPortIsTriedAgain) {
     late.join();
     EXPECT_GE(sd.get(), 0);
     EXPECT_NE(statusLog().find("Socket Descriptor = "), std::string::npos);
+    int value = 0;
+    socklen_t length = sizeof value;
+    getsockopt(sd.get(), SOL_SOCKET, SO_KEEPALIVE, &value, &length);
+    EXPECT_EQ(value, 1) << "a gatherer without power is noticed";
   });
 }
 

@@ -64,6 +64,11 @@ TEST_F(Accept, TakesWhoeverComesFirst) {
   socklen_t length = sizeof value;
   getsockopt(sd.get(), IPPROTO_TCP, TCP_NODELAY, &value, &length);
   EXPECT_EQ(value, 1);
+  // One that loses its power is noticed.
+  getsockopt(sd.get(), SOL_SOCKET, SO_KEEPALIVE, &value, &length);
+  EXPECT_EQ(value, 1);
+  getsockopt(sd.get(), IPPROTO_TCP, TCP_KEEPIDLE, &value, &length);
+  EXPECT_EQ(value, 300);
 }
 
 TEST_F(Accept, GivesUpAfterItsLimit) {
