@@ -211,7 +211,7 @@ def test_of_a_hundred_hosts_forty_are_dead_and_forty_are_asked_at_once(outside, 
     dead = [host for four in zip(holes, gone, unknown, cut) for host in four]
     begun = time.monotonic()
     said = fan_out(outside, [*dead[:20], *living, *dead[20:]])
-    assert 10 <= time.monotonic() - begun < 30
+    assert 10 <= time.monotonic() - begun < 90  # one after the other the ten holes alone take 100 s
     assert said.err.endswith(note(60, 100))
     assert outcomes(outside) == {**dict.fromkeys(living, "Ok"), **dict.fromkeys(holes, "No_Response"),
                                  **dict.fromkeys(gone, "Bad_Pass"), **dict.fromkeys(unknown, "Connection_Refused"),
@@ -241,7 +241,7 @@ def test_the_next_command_waits_for_the_answer_to_the_first(outside, agents):
 
 
 def test_a_host_that_says_nothing_more_is_given_up(outside, agents):
-    outside.write("etc/ZULsite", "fanout.answer-limit = 1s\n")
+    outside.write("etc/ZULsite", "fanout.answer-limit = 3s\n")
 
     def hang(agent, console):
         agent.hear(console)

@@ -514,23 +514,21 @@ TEST_P(Handshake, LongPathsAreNoFilesAndDoNotOverflow) {
 TEST_P(Handshake, AReceiverDoesNotWaitForEver) {
   // Nobody connects, and the console's peer is gone: under "sound" that frees the port at once.
   if (!sound()) return;
-  int status = support::inChild(
-      [&] {
-        int port = 0;
-        base::Fd listening(support::listenOn(port));
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(static_cast<uint16_t>(port));
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        int asking = socket(AF_INET, SOCK_STREAM, 0);
-        if (connect(asking, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) return 97;
-        dup2(accept(listening.get(), nullptr, nullptr), 0);
-        int data = 0;
-        int listener = support::listenOn(data);
-        close(asking);
-        return repHandShk(listener, root.data(), 4) == -1 ? 0 : 1;
-      },
-      5);
+  int status = support::inChild([&] {
+    int port = 0;
+    base::Fd listening(support::listenOn(port));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    int asking = socket(AF_INET, SOCK_STREAM, 0);
+    if (connect(asking, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) return 97;
+    dup2(accept(listening.get(), nullptr, nullptr), 0);
+    int data = 0;
+    int listener = support::listenOn(data);
+    close(asking);
+    return repHandShk(listener, root.data(), 4) == -1 ? 0 : 1;
+  });
   EXPECT_EQ(support::exitOf(status), 0);
 }
 
