@@ -373,6 +373,9 @@ int repClientStart(void) {
   void *area = shmid < 0 ? nullptr : getCtrlPtr(shmid);
   if (!area || !getDataPtr(shmid)) {
     base::print(fplog, "ERROR: Failed to allocate shared memory buffer.  errno = %i\n", errno);
+    // One that could not be attached would outlive every process.
+    if (shmid >= 0) rmShMem(shmid);
+    mrepl::forgetArea();
     return shmid < 0 ? shmid : -1;
   }
   memset(area, 0, MR_RECV_AREA);

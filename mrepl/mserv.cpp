@@ -390,6 +390,9 @@ int repServStart(MreplJobData *job) {
   mslot *ring = ctrl ? getDataPtr(shmid) : nullptr;
   if (!ring) {
     base::print(stderr, "ERROR: Failed to allocate shared memory buffer.  errno = %i\n", errno);
+    // One that could not be attached would outlive every process.
+    if (shmid >= 0) rmShMem(shmid);
+    mrepl::forgetArea();
     return shmid < 0 ? shmid : -1;
   }
   prepareArea(ctrl, ring);

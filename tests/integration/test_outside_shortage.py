@@ -11,7 +11,7 @@ from outside import Buffer, InSegment, Memory
 from outsidehosts import agent, fresh_network, pair  # noqa: F401 (fixtures)
 from outsidehosts import (CHILD_FLAGS, CONSOLE, CONSUMED, DATA, ITEMS, PARENT_FLAGS, PRODUCED, Gatherer, Segment, ask,
                           framed, listen, take)
-from outsidemulticast import put_job
+from outsidemulticast import logs, put_job  # noqa: F401 (logs is a fixture)
 from outsidetapes import drive  # noqa: F401 (a fixture)
 from outsidetapes import header, tape_files, volume_record
 from test_outside_fanout import agents  # noqa: F401 (a fixture)
@@ -190,6 +190,20 @@ def test_without_memory_for_its_transforms_a_job_packs_nothing(site, call):
     assert said.hostlog == "ERROR:  Out of memory: the transforms of the job are not known\n"
     said, _, slots = packed(site, job)
     assert said.results[3] == "dataPacker 0" and any(b"/moved\0" in slot for slot in slots)
+
+
+@pytest.mark.parametrize("call", [1, 2], ids=["the block", "the ring"])
+@pytest.mark.parametrize("function", ["repServStart", "repClientStart"])
+def test_a_run_that_cannot_attach_its_area_leaves_none_behind(site, logs, function, call):
+    put_job(site, 5, "Request: /etc/hosts\n")
+    said = site.run([["memory", "job", 144], ["int readMreplJobData", Memory("job"), 5], short("shmat", call),
+                     [f"int {function}", *([Memory("job")] if function == "repServStart" else [])]], inside=logs.words)
+    assert said.result == -1
+    failed = "ERROR: Failed to allocate shared memory buffer.  errno = 12\n"
+    name = "repServ.log" if function == "repServStart" else "repClnt.log"
+    log = logs.read(name) if site.behaviour == "classic" else site.text("var/" + name)
+    assert failed in (said.err if function == "repServStart" else log)
+    assert logs.areas() == []
 
 
 # --- the fan-out ---
