@@ -203,8 +203,13 @@ bool getterRuns(const mrecvctrl &ctrl, int parent) {
 }
 
 void waitForSegment(const mrecvctrl &ctrl, uint32_t seen) {
-  int64_t wait = mrepl::soundRun() ? kIdleMicros : ctrl.waitTime;
-  mrepl::waitWordMicros(ctrl.contiguousLow, seen, wait);
+  int64_t wait = __atomic_load_n(&ctrl.waitTime, __ATOMIC_ACQUIRE);
+  wait = mrepl::soundRun() ? kIdleMicros : mrepl::boundedWait(wait);
+  // Anybody on the network can name minutes; nobody may make us sleep through the rest of a run.
+  if (wait > kIdleMicros)
+    base::waitWord(&ctrl.contiguousLow, seen, static_cast<int>(wait / 1000));
+  else
+    mrepl::waitWordMicros(ctrl.contiguousLow, seen, wait);
 }
 
 // True when the end record was reached.

@@ -15,6 +15,8 @@
 #include <zul/module.h>
 #include <zul/mrepl.h>
 
+#include <algorithm>
+
 #include "base/fd.h"
 #include "base/log.h"
 #include "base/pause.h"
@@ -36,8 +38,7 @@ constexpr int kLingerMs = 2000;  // sound: the longest farewell
 constexpr int kSilenceMs = 100;  // sound: the sender has stopped
 constexpr int kGatherMs = 1;     // sound: datagrams are left to gather for so long
 constexpr int kReceiveBytes = 16 << 20;
-// The wait time comes from the network.
-constexpr int64_t kLongestWait = 255000000;
+constexpr int64_t kLookMicros = 100000;  // at the extracter, at least so often
 
 struct Getting {
   int sd;
@@ -46,6 +47,7 @@ struct Getting {
   mrecvctrl *ctrl;
   mslot *ring;
   int missing;       // classic: the gap that processNewSeg told of
+  int64_t waited;    // for a datagram, microseconds
   uint32_t control;  // sound: of the run that was joined; 0 before
   bool joined;
   long long takenMs;   // when a segment of the run was taken in last
@@ -247,24 +249,31 @@ bool keepRound() {
 int64_t receiveTimeout() {
   if (mrepl::soundRun()) return mrepl::kRoundMs * 1000;
   int64_t wait = __atomic_load_n(&getting.ctrl->waitTime, __ATOMIC_ACQUIRE);
-  return wait < 0 || wait > kLongestWait ? kLongestWait : wait;
+  return mrepl::boundedWait(wait);
 }
 
 int getOnce() {
   int64_t wait = receiveTimeout();
-  timespec limit{wait / 1000000, (wait % 1000000) * 1000};
+  // In pieces, because the sender may name minutes, and the extracter may end meanwhile.
+  int64_t part = std::clamp<int64_t>(wait - getting.waited, 0, kLookMicros);
+  timespec limit{0, part * 1000};
   pollfd ready{getting.sd, POLLIN, 0};
   int count = ppoll(&ready, 1, &limit, nullptr);
   if (count < 0 && errno != EINTR && mrepl::debugging())
     base::print(fplog, "DEBUG:  Select error: errno=%i\n", errno);
   if (count > 0) {
+    getting.waited = 0;
     int taken = takeBatch();
     // Woken for each datagram, receivers spend more on waking than on what they take. The socket
     // has room for what comes meanwhile.
     if (taken >= 0 && taken < kBatch && mrepl::soundRun()) base::sleepMs(kGatherMs);
     return taken;
   }
-  if (count == 0 && !mrepl::soundRun()) askOnceMore();
+  if (count != 0) return 0;
+  getting.waited += part;
+  if (getting.waited < wait) return 0;
+  getting.waited = 0;
+  if (!mrepl::soundRun()) askOnceMore();
   return 0;
 }
 

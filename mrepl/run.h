@@ -111,6 +111,11 @@ Moment momentNow();
 // Microseconds from one time of that clock to another.
 int32_t sinceWire(uint32_t then, uint32_t now);
 
+// A wait that came from the network, as long as the clock of the datagrams can tell at most.
+inline int64_t boundedWait(int64_t micros) {
+  constexpr int64_t kLongestWait = 255000000;
+  return micros < 0 || micros > kLongestWait ? kLongestWait : micros;
+}
 // Sleeps that long, whatever it is.
 void sleepMicros(int64_t micros);
 // sleepMicros(micros), but at most until word no longer reads seen.

@@ -51,6 +51,7 @@ class Whole : public ReceiverTest {
   void put(int sd, uint64_t number, const std::string &payload, size_t length = sizeof(mseg),
            uint32_t control = 0) {
     mseg datagram = mtest::segment(number, "", 7, control);
+    if (waitTime != 0) packul(&datagram.waitTime, waitTime);
     memcpy(datagram.payload, payload.data(), std::min(payload.size(), sizeof datagram.payload));
     char bytes[sizeof datagram + 1] = {};
     memcpy(bytes, &datagram, sizeof datagram);
@@ -62,6 +63,7 @@ class Whole : public ReceiverTest {
     return record;
   }
   std::string content = std::string(1500, 'q');
+  uint32_t waitTime = 0;  // instead of the usual one
   sockaddr_in group{};
   mtest::Ear requests;
 };
@@ -92,6 +94,18 @@ TEST_F(Whole, ARunWithoutLossEndsWithTheSecondEndRecordInClassic) {
   size_t damaged = log.find("Data stream error!");
   EXPECT_NE(damaged, std::string::npos) << "segment 0 is never sent, its slot is empty";
   EXPECT_EQ(log.find("Data stream error!", damaged + 1), std::string::npos);
+}
+
+TEST_F(Whole, AWaitTimeOfAnHourHoldsUpNothing) {
+  int result = receive([&](int sd) {
+    waitTime = UINT32_MAX;
+    put(sd, 1, mtest::payload({.name = path("d"), .type = mrepl::kDirectory, .mode = 0700}));
+    EXPECT_TRUE(support::eventually([&] { return base::loadWord(ctrl->extractedLow) == 1; }));
+    put(sd, 2, end());
+    EXPECT_TRUE(support::eventually([&] { return support::exists(path("d")); }));
+    put(sd, 3, end());
+  });
+  EXPECT_EQ(result, 0);
 }
 
 TEST_F(Whole, AGapIsAskedForAgainWhenNothingMoreComes) {
