@@ -70,6 +70,15 @@ bool sizeOf(const char *path, const struct stat &status, uint8_t type, uint64_t 
   return true;
 }
 
+// Whether the open file is the one that a header tells of, as far as that matters: the content of
+// another one, which may be private, must not arrive with this one's owner and permissions.
+bool isDescribed(const mfilehead &header) {
+  struct stat status;
+  return mrepl::viewStatus(&status) && S_ISREG(status.st_mode) &&
+         unpackul(&header.owner) == status.st_uid && unpackul(&header.group) == status.st_gid &&
+         unpackul(&header.mode) == host2netmode(status.st_mode);
+}
+
 }  // namespace
 
 int storeFileHeader(const char *path, mseg *segment, int *type, uint64_t *size) {
@@ -103,6 +112,11 @@ int storeNewFileData(const char *path, mseg *segment, int type, uint64_t *stored
   if (type != mrepl::kFile || size == 0) return 0;
   void *view;
   if (memMapOpen(path, &view, 4096) != 0) return -1;
+  if (mrepl::soundRun() && !isDescribed(*reinterpret_cast<mfilehead *>(segment->payload))) {
+    memMapClose();
+    errno = ESTALE;
+    return -1;
+  }
   // The content follows in segments of its own.
   if (size > MR_INLINE_MAX) return 0;
   if (mrepl::soundRun() && mrepl::viewHolds() < size) {

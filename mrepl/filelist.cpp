@@ -50,6 +50,11 @@ bool applyPolicy(mfilehead *header) {
   return addPrefix(0, header->name) == 0 || !sound;
 }
 
+bool doesNotFit(const char *path) {
+  mrepl::packed.unsent(path, "its name or its size does not fit a header");
+  return false;
+}
+
 // Puts the header segment of the current path into the batch. False when it cannot be sent.
 bool beginFile(Packing *packing) {
   mseg *segment = &packing->batch[packing->count];
@@ -57,11 +62,8 @@ bool beginFile(Packing *packing) {
   int type;
   packing->stored = 0;
   mrepl::packed.newEntry();
-  if (storeFileHeader(packing->path, segment, &type, &packing->size) != 0 ||
-      !applyPolicy(headOf(segment))) {
-    mrepl::packed.unsent(packing->path, "its name or its size does not fit a header");
-    return false;
-  }
+  if (storeFileHeader(packing->path, segment, &type, &packing->size) != 0)
+    return doesNotFit(packing->path);
   if (storeNewFileData(packing->path, segment, type, &packing->stored, packing->size) != 0) {
     if (type != mrepl::kFile) return false;
     // A header of a file promises content; this one has none that we may read.
@@ -69,6 +71,10 @@ bool beginFile(Packing *packing) {
     base::print(fplog, "NOTICE:  Cannot read %s: %s\n", packing->path, strerror(errno));
     type = headOf(segment)->type = mrepl::kOther;
     packul(&headOf(segment)->size, 0);
+  }
+  if (!applyPolicy(headOf(segment))) {
+    memMapClose();
+    return doesNotFit(packing->path);
   }
   packul(&segment->control, mrepl::runWord != 0 ? mrepl::kHead : 0);
   packing->count++;

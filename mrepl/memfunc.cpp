@@ -12,6 +12,7 @@
 #include <zul/mrepl.h>
 
 #include "base/fd.h"
+#include "mrepl/run.h"
 #include "mrepl/view.h"
 
 namespace {
@@ -66,12 +67,17 @@ namespace mrepl {
 size_t viewHolds() {
   return view.held;
 }
+bool viewStatus(struct stat *status) {
+  return view.fd >= 0 && fstat(view.fd, status) == 0;
+}
 }  // namespace mrepl
 
 int memMapOpen(const char *path, void **where, int viewsize) {
   memMapClose();
-  // Not to be held up by a FIFO that took the file's place since it was looked at.
-  int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  // Not to be held up by a FIFO that took the file's place since it was looked at, nor, in a sound
+  // run, led elsewhere by a link.
+  int flags = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+  int fd = open(path, mrepl::soundRun() ? flags | O_NOFOLLOW : flags);
   if (fd < 0) return -1;
   beginView(fd, viewsize, where);
   if (fill(0) == 0) return 0;

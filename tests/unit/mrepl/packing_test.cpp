@@ -552,14 +552,47 @@ TEST_F(Packing, AFileThatBecomesShorterIsZerosInClassicAndBreaksOffInSoundRuns) 
     if (good) soundSite();
     support::writeFile(path("f"), std::string(9000, 'x'));
     mseg batch[mrepl::kBatch];
-    uint64_t stored = 0;
-    int count = 0, room = 16;
+    uint64_t stored = 0, size = 0;
+    int count = 0, room = 16, type = 0;
+    ASSERT_EQ(storeFileHeader(path("f").c_str(), &batch[0], &type, &size), 0);
     ASSERT_EQ(storeNewFileData(path("f").c_str(), &batch[0], mrepl::kFile, &stored, 9000), 0);
     ASSERT_EQ(truncate(path("f").c_str(), 5000), 0);
     EXPECT_EQ(storeFileData(batch, 9000, &stored, &count, &room), good ? -1 : 0);
     EXPECT_EQ(count, good ? 4 : 9);
     if (good) continue;
     EXPECT_EQ(std::string(batch[8].payload, 1024), std::string(1024, '\0'));
+  }
+}
+
+// Who owns the folder of a file may put something else in its place between header and content.
+TEST_F(Packing, WhatTookAFilesPlaceIsNotSentAsThatFileInASoundRun) {
+  support::writeFile(path("secret"), "secret", 0600);
+  auto linked = [this] {
+    unlink(path("f").c_str());
+    ASSERT_EQ(symlink(path("secret").c_str(), path("f").c_str()), 0);
+  };
+  auto replaced = [this] {
+    support::writeFile(path("new"), "secret", 0600);
+    ASSERT_EQ(rename(path("new").c_str(), path("f").c_str()), 0);
+  };
+  auto grown = [this] { support::writeFile(path("f"), "public and more", 0644); };
+  for (bool good : {false, true}) {
+    if (good) soundSite();
+    for (int what = 0; what < 3; what++) {
+      unlink(path("f").c_str());
+      support::writeFile(path("f"), "public", 0644);
+      mseg segment{};
+      int type = 0;
+      uint64_t size = 0, stored = 0;
+      ASSERT_EQ(storeFileHeader(path("f").c_str(), &segment, &type, &size), 0);
+      what == 0 ? linked() : what == 1 ? replaced() : grown();
+      int result = storeNewFileData(path("f").c_str(), &segment, type, &stored, size);
+      EXPECT_EQ(result, good && what < 2 ? -1 : 0) << what;
+      EXPECT_STREQ(segment.payload + MR_INLINE_OFF, what == 2 ? "public"
+                                                    : good    ? ""
+                                                              : "secret")
+          << what;
+    }
   }
 }
 
