@@ -1,5 +1,6 @@
 // The ordered list of paths that a multicast run sends. Runs in the packer.
 #include <dirent.h>
+#include <errno.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -14,6 +15,7 @@
 #include "base/fd.h"
 #include "base/lines.h"
 #include "base/log.h"
+#include "mrepl/packed.h"
 #include "mrepl/run.h"
 
 namespace {
@@ -58,13 +60,29 @@ int append(const std::string &path) {
   return addToIncList(0, const_cast<char *>(path.c_str()));
 }
 
+// A sound run tells what it could not list: without it everything below would be missing on all
+// receivers, and the run complete.
+void tellUnlisted(const std::string &path) {
+  // One that is gone by now is not missing.
+  if (!mrepl::soundRun() || errno == ENOENT) return;
+  const char *reason = strerror(errno);
+  mrepl::packed.unsent(path.c_str(), reason);
+  base::print(fplog, "NOTICE:  Cannot list %s: %s\n", path.c_str(), reason);
+}
+
 // All names first, then one after the other: a deep tree does not hold one open directory per
 // level.
 std::vector<std::string> namesIn(const std::string &path) {
   std::vector<std::string> names;
   DIR *directory = opendir(path.c_str());
-  if (!directory) return names;
-  while (const dirent *entry = readdir(directory)) {
+  if (!directory) {
+    tellUnlisted(path);
+    return names;
+  }
+  for (;;) {
+    errno = 0;
+    const dirent *entry = readdir(directory);
+    if (!entry) break;
     const char *name = entry->d_name;
     if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0) continue;
     // No entry has such a name, so /proc is walked like any other directory; sites that send "/"
@@ -72,6 +90,7 @@ std::vector<std::string> namesIn(const std::string &path) {
     if (strcmp(name, "/proc") == 0) continue;
     names.emplace_back(name);
   }
+  if (errno != 0) tellUnlisted(path);
   closedir(directory);
   return names;
 }
@@ -85,6 +104,7 @@ int scan(const std::string &path, long *total, time_t since) {
   for (const std::string &name : namesIn(path)) {
     std::string below = path == "/" ? path + name : path + "/" + name;
     if (below.size() > kLongestPath) {
+      mrepl::packed.unsent(below.c_str(), strerror(ENAMETOOLONG));
       base::print(fplog, "NOTICE: Failed to store file header for:  %s\n", below.c_str());
       continue;
     }
@@ -109,12 +129,17 @@ int appendRequest(std::string path, time_t since) {
   if (path.empty()) return 0;
   if (appendAncestors(path) != 0) return -2;
   long total = 0;
-  if (tree) return scan(path, &total, since);
   struct stat status;
-  if (lstat(path.c_str(), &status) != 0) {
-    base::print(fplog, "NOTICE:  Cannot find requested path %s\n", path.c_str());
-    return 0;
+  bool found = lstat(path.c_str(), &status) == 0;
+  // What a job asks for by name is missing when it is not there; installed senders pass over a tree
+  // without a word.
+  if (!found && !excluded(path)) {
+    mrepl::packed.unsent(path.c_str(), strerror(errno));
+    if (!tree || mrepl::soundRun())
+      base::print(fplog, "NOTICE:  Cannot find requested path %s\n", path.c_str());
   }
+  if (!found) return 0;
+  if (tree) return scan(path, &total, since);
   if (!newerThan(status, since) || excluded(path)) return 0;
   return append(path);
 }

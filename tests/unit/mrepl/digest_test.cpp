@@ -1,8 +1,11 @@
 // The digest and the records of a run: what is packed and what is put together must agree.
+#include <stdlib.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zul/tape.h>
 
+#include "base/fd.h"
 #include "base/hash.h"
 #include "mrepl/packed.h"
 #include "mrepl/received.h"
@@ -70,15 +73,15 @@ class Records : public mtest::SenderTest {
   std::string receivedRecord() {
     return support::readFile(path("var/tape/mrepljobs/received.json"));
   }
-  // Packs the tree; the sender's record.
-  std::string pack(const std::function<void()> &between = [] {}) {
+  // Packs a request, the tree where there is none; the sender's record.
+  std::string pack(std::string wanted = "") {
     mrepl::sent.begin(5);
-    between();
-    std::string wanted = path("tree") + "/";
+    if (wanted.empty()) wanted = path("tree") + "/";
     strNode last{}, list{wanted.data(), &last};
     job.requestList = list;
     EXPECT_EQ(dataPacker(&job), 0);
     setFileList(nullptr, 0);
+    setFileList(nullptr, 1);
     receivers.begin();
     receivers.expect("h2", 0x0100007f, 0);
     mrepl::sent.look(receivers, 10000);
@@ -180,6 +183,45 @@ TEST_F(Records, TheSenderNamesWhatItCannotSend) {
             std::string::npos);
   EXPECT_EQ(member(sent, "packed"), "true");
   EXPECT_EQ(member(putTogether(), "digest"), member(sent, "digest"));
+}
+
+TEST_F(Records, TheSenderNamesWhatAJobAsksForInVain) {
+  for (const char *end : {"", "/"}) {
+    std::string sent = pack(path("nowhere") + end);
+    EXPECT_EQ(member(sent, "unsent"), "1") << sent;
+    EXPECT_NE(
+        sent.find("{\"name\":\"" + path("nowhere") + "\",\"error\":\"No such file or directory\"}"),
+        std::string::npos)
+        << sent;
+    mrepl::storeNumber(ctrl->filledHigh, ctrl->filledLow, 0);
+  }
+  EXPECT_TRUE(mtest::has(hostLog(), "NOTICE:  Cannot find requested path " + path("nowhere")));
+}
+
+TEST_F(Records, TheSenderNamesAFolderThatItCannotList) {
+  support::writeFile(path("tree/f"), "x");
+  mrepl::sent.begin(5);
+  std::string tree = path("tree");
+  long total = 0;
+  strNode found{};
+  addToIncList(1, &found);
+  // No descriptor is left for it.
+  rlimit all;
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &all), 0);
+  rlimit none{0, all.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  int result = scanDirectory(tree.data(), &total, 0);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &all), 0);
+  EXPECT_EQ(result, 0);
+  mrepl::sent.look(receivers, 10000);
+  EXPECT_EQ(member(sentRecord(), "unsent"), "1") << sentRecord();
+  EXPECT_NE(sentRecord().find("{\"name\":\"" + tree + "\",\"error\":\"Too many open files\"}"),
+            std::string::npos);
+  ASSERT_NE(found.next, nullptr);
+  free(found.text);
+  free(found.next);
+  strNode empty{};
+  addToIncList(1, &empty);
 }
 
 TEST_F(Records, TheSendersRecordTellsOfTheHosts) {
