@@ -74,8 +74,18 @@ void Received::finish(bool complete) {
   digest_.end();
 }
 
+// A receiver whose sender was killed gives up minutes later; the record may be that of a later run
+// by then, which is the one that is asked for.
+bool Received::isOurs(const char *path) const {
+  struct stat there;
+  if (file_ == 0 || stat(path, &there) != 0) return true;
+  return there.st_ino == file_ && there.st_mtim.tv_sec == written_.tv_sec &&
+         there.st_mtim.tv_nsec == written_.tv_nsec;
+}
+
 void Received::write(const char *state) {
   base::HomePath path("var/tape/mrepljobs/received.json");
+  if (!isOurs(path)) return;
   base::HomePath temporary("var/tape/mrepljobs/received.json.new");
   base::File file(fopen(temporary, "we"));
   if (!file) return;
@@ -91,7 +101,14 @@ void Received::write(const char *state) {
           digest, reachedEnd_ ? "true" : "false", failures_);
   if (list_) copyStream(list_, out);
   fputs("]}\n", out);
-  if (!file.close() || rename(temporary, path) != 0) unlink(temporary);
+  struct stat made = {};
+  bool whole = fflush(out) == 0 && fstat(fileno(out), &made) == 0;
+  if (!file.close() || !whole || rename(temporary, path) != 0) {
+    unlink(temporary);
+    return;
+  }
+  file_ = made.st_ino;
+  written_ = made.st_mtim;
 }
 
 }  // namespace mrepl

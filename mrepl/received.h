@@ -3,6 +3,7 @@
 #pragma once
 #include <stdint.h>
 #include <stdio.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <zul/mrepl.h>
 
@@ -28,6 +29,7 @@ class Received {
 
  private:
   void write(const char *state);
+  bool isOurs(const char *path) const;
 
   // All have their values from the start: the one object of this class must need no work at load
   // time.
@@ -38,6 +40,9 @@ class Received {
   uint64_t bytes_ = 0;
   uint64_t failures_ = 0;
   bool reachedEnd_ = false;
+  // The record as this receiver has written it last.
+  ino_t file_ = 0;
+  timespec written_ = {};
   TreeDigest digest_;
   FILE *list_ = nullptr;  // the failures as JSON objects, in a file: there may be many
 };

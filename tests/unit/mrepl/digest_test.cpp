@@ -247,6 +247,20 @@ TEST_F(Records, AReceiverThatIsKilledHasSaidWhichRunItWasIn) {
   EXPECT_EQ(member(receivedRecord(), "state"), "\"running\"");
 }
 
+// As one whose sender was killed, and which waits for it still when the next run comes.
+TEST_F(Records, AReceiverOfAnEarlierRunLeavesTheRecordOfALaterOne) {
+  mrepl::Received early;
+  early.begin();
+  early.noteRun(0x1111u << 16);
+  EXPECT_EQ(member(receivedRecord(), "run"), std::to_string(0x1111));
+  mrepl::received.begin();
+  mrepl::received.noteRun(0x2222u << 16);
+  mrepl::received.finish(true);
+  early.finish(false);
+  EXPECT_EQ(member(receivedRecord(), "run"), std::to_string(0x2222));
+  EXPECT_EQ(member(receivedRecord(), "state"), "\"complete\"");
+}
+
 TEST_F(Records, ClassicRunsKeepNone) {
   site("");
   mrepl::runWord = 0;
