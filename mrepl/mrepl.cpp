@@ -31,6 +31,8 @@ namespace {
 
 // Starts the sender alone: receivers were started some other way.
 constexpr int kWithoutReceivers = -99;
+// Result of repServStart: the port of requests is not to be had.
+constexpr int kPortTaken = -2;
 
 void printNumber(const char *keyword, int number) {
   base::print(stderr, "%s: %i\n", keyword, number);
@@ -260,7 +262,10 @@ int mreplstart(int jobid) {
   base::print(stderr, "Starting Multicast replication server\n");
   mrepl::sent.begin(jobid);
   int result = repServStart(&job);
-  mrepl::sent.finish(mrepl::sending.receivers, result == 0);
+  if (result == kPortTaken)
+    mrepl::sent.drop();
+  else
+    mrepl::sent.finish(mrepl::sending.receivers, result == 0);
   cncfree(&job);
   return 0;
 }

@@ -71,6 +71,10 @@ void Sent::finish(const Receivers &receivers, bool good) {
   packed.end();
 }
 
+void Sent::drop() {
+  packed.end();
+}
+
 void Sent::write(const Receivers &receivers, const char *state) {
   if (!soundRun()) return;
   base::HomePath path("var/tape/mrepljobs/sent.json");

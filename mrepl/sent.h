@@ -16,6 +16,8 @@ class Sent {
   void look(const Receivers &receivers, long long nowMs);
   // The run is over, or could not be begun.
   void finish(const Receivers &receivers, bool good);
+  // It was refused, because another one goes on: that one's record stays.
+  void drop();
 
  private:
   void write(const Receivers &receivers, const char *state);

@@ -224,6 +224,18 @@ TEST_F(Records, TheSenderNamesAFolderThatItCannotList) {
   addToIncList(1, &empty);
 }
 
+TEST_F(Records, ARunThatIsRefusedLeavesTheRecordOfTheOneThatGoesOn) {
+  support::writeFile(path("var/tape/mrepljobs/mrepjob.-99"), "Request: /etc/hosts\n");
+  support::writeFile(path("var/tape/mrepljobs/sent.json"), "of another");
+  alone([this] {
+    sockaddr_in address;
+    base::Fd busy(mkUDPListenerSocket(MR_REQ_PORT, &address));
+    EXPECT_TRUE(busy);
+    support::captureStderr([] { EXPECT_EQ(mreplstart(-99), 0); });
+  });
+  EXPECT_EQ(sentRecord(), "of another");
+}
+
 TEST_F(Records, TheSendersRecordTellsOfTheHosts) {
   std::string sent = pack();
   EXPECT_EQ(member(sent, "job"), "5");
