@@ -17,7 +17,7 @@ namespace mrepl {
 enum class ReceiverState { expected, served, complete, lost };
 
 struct Receiver {
-  char name[64];  // as in the job; the address when it came unasked
+  char name[256];  // as in the job; the address when it came unasked
   sockaddr_in address;
   ReceiverState state;
   bool joined;       // it has reported

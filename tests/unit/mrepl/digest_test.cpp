@@ -224,6 +224,15 @@ TEST_F(Records, TheSenderNamesAFolderThatItCannotList) {
   addToIncList(1, &empty);
 }
 
+TEST_F(Records, TheSendersRecordHasTheWholeNameOfAHost) {
+  std::string name(253, 'h');
+  receivers.begin();
+  receivers.expect(name.c_str(), 0x0100007f, 0);
+  mrepl::sent.begin(5);
+  mrepl::sent.look(receivers, 10000);
+  EXPECT_NE(sentRecord().find("{\"host\":\"" + name + "\","), std::string::npos) << sentRecord();
+}
+
 TEST_F(Records, ARunThatIsRefusedLeavesTheRecordOfTheOneThatGoesOn) {
   support::writeFile(path("var/tape/mrepljobs/mrepjob.-99"), "Request: /etc/hosts\n");
   support::writeFile(path("var/tape/mrepljobs/sent.json"), "of another");
