@@ -70,7 +70,7 @@ Receiver *Receivers::find(const sockaddr_in &from) {
   return nullptr;
 }
 
-Receiver *Receivers::heard(const sockaddr_in &from, long long nowMs) {
+Receiver *Receivers::heard(const sockaddr_in &from, Number freeTill, long long nowMs) {
   Receiver *known = find(from);
   if (!known) {
     if (count_ == kMost) return nullptr;
@@ -78,7 +78,8 @@ Receiver *Receivers::heard(const sockaddr_in &from, long long nowMs) {
     *known = Receiver{};
     inet_ntop(AF_INET, &from.sin_addr, known->name, sizeof known->name);
     known->extracted = 1;
-    known->state = ReceiverState::expected;
+    // It can never complete: to wait for it would stop the run for all others.
+    known->state = freeTill > 0 ? ReceiverState::lost : ReceiverState::expected;
   }
   if (!known->joined) {
     known->address = from;

@@ -40,8 +40,8 @@ class Receivers {
   // Whether a receiver there has reported.
   bool joinedFrom(uint32_t address) const;
   // A receiver that says it lives, and one that needs nothing before a segment. Null when there is
-  // no room for one more.
-  Receiver *heard(const sockaddr_in &from, long long nowMs);
+  // no room for one more. One that nobody expected and that needs what was freed is not waited for.
+  Receiver *heard(const sockaddr_in &from, Number freeTill, long long nowMs);
   void reported(Receiver *receiver, Number extracted, Number freeTill, long long nowMs);
   // A receiver that has the segments up to the end of the run needs nothing more.
   void ended(Number end);

@@ -107,9 +107,9 @@ void takeSound(Asked asked, const sockaddr_in &from) {
     return answerSound(asked, from, nullptr);
   }
   asked.count &= ~kRunMask;
-  Receiver *receiver = sending.receivers.heard(from, nowMs);
-  if (asked.count > 0) return answerSound(asked, from, receiver);
   Number freeTill = freeTillOf(*sending.ctrl);
+  Receiver *receiver = sending.receivers.heard(from, freeTill, nowMs);
+  if (asked.count > 0) return answerSound(asked, from, receiver);
   // Nobody can have put away what was never laid down.
   if (asked.first > filledOf(*sending.ctrl)) return;
   if (receiver) sending.receivers.reported(receiver, asked.first, freeTill, nowMs);

@@ -28,7 +28,7 @@ class Pacing : public support::HomeTest {
     address.sin_family = AF_INET;
     for (uint32_t host = 0; host < 4; host++) {
       address.sin_addr.s_addr = htonl(0x0a000001 + host);
-      receivers[host] = list.heard(address, 1);
+      receivers[host] = list.heard(address, 0, 1);
     }
   }
 

@@ -187,7 +187,7 @@ TEST_F(Sender, ASoundSenderDoesNotRunAheadOfTheSlowestRing) {
   sending.receivers.begin();
   sent(5000);
   EXPECT_FALSE(mrepl::nothingReady(*ctrl)) << "nobody reports";
-  auto *one = sending.receivers.heard(asker.address, base::nowMs());
+  auto *one = sending.receivers.heard(asker.address, 0, base::nowMs());
   sending.receivers.reported(one, 905, 0, base::nowMs());
   sent(4999);
   EXPECT_FALSE(mrepl::nothingReady(*ctrl));
@@ -265,7 +265,7 @@ TEST_F(Expiry, ASoundSenderKeepsWhatAReceiverLacksHoweverOld) {
   mrepl::storeNumber(ctrl->filledHigh, ctrl->filledLow, 9000);
   sent(9000);
   sending.receivers.begin();
-  auto *one = sending.receivers.heard(asker.address, base::nowMs());
+  auto *one = sending.receivers.heard(asker.address, 0, base::nowMs());
   sending.receivers.reported(one, 3, 0, base::nowMs());
   EXPECT_EQ(ask(1, 0), 0) << "everybody has it: its age does not matter";
   EXPECT_EQ(ask(2, 0), 0);
@@ -462,19 +462,19 @@ TEST_F(ReceiverList, ExpectedHostsHoldTheRunUntilTheyJoinOrTimeIsUp) {
 }
 
 TEST_F(ReceiverList, TheSlowestSetsTheLimit) {
-  for (uint32_t host : {2, 3, 4}) list.reported(list.heard(at(host), 1000), host * 100, 0, 1000);
+  for (uint32_t host : {2, 3, 4}) list.reported(list.heard(at(host), 0, 1000), host * 100, 0, 1000);
   EXPECT_EQ(list.needed(), 200u);
-  list.reported(list.heard(at(2), 1001), 150, 0, 1001);
+  list.reported(list.heard(at(2), 0, 1001), 150, 0, 1001);
   EXPECT_EQ(list.needed(), 200u) << "reports may overtake each other";
-  list.reported(list.heard(at(2), 1002), 350, 0, 1002);
+  list.reported(list.heard(at(2), 0, 1002), 350, 0, 1002);
   EXPECT_EQ(list.needed(), 300u);
 }
 
 TEST_F(ReceiverList, TheSilentAndTheStuckAreGivenUp) {
-  list.reported(list.heard(at(2), 1000), 10, 0, 1000);
-  list.reported(list.heard(at(3), 1000), 20, 0, 1000);
+  list.reported(list.heard(at(2), 0, 1000), 10, 0, 1000);
+  list.reported(list.heard(at(3), 0, 1000), 20, 0, 1000);
   for (long long now = 2000; now < 61000; now += 1000) {
-    list.reported(list.heard(at(2), now), 10, 0, now);
+    list.reported(list.heard(at(2), 0, now), 10, 0, now);
     list.giveUp(now);
   }
   EXPECT_EQ(list.at(1).state, mrepl::ReceiverState::lost) << "silent for ten seconds";
@@ -484,37 +484,50 @@ TEST_F(ReceiverList, TheSilentAndTheStuckAreGivenUp) {
 }
 
 TEST_F(ReceiverList, OneThatComesBackIsServedWhenAllItNeedsIsThere) {
-  list.reported(list.heard(at(2), 1000), 10, 0, 1000);
+  list.reported(list.heard(at(2), 0, 1000), 10, 0, 1000);
   list.giveUp(20000);
-  list.reported(list.heard(at(2), 20001), 10, 15, 20001);
+  list.reported(list.heard(at(2), 0, 20001), 10, 15, 20001);
   EXPECT_FALSE(list.waiting());
-  list.reported(list.heard(at(2), 20002), 16, 15, 20002);
+  list.reported(list.heard(at(2), 0, 20002), 16, 15, 20002);
   EXPECT_TRUE(list.waiting());
 }
 
+TEST_F(ReceiverList, OneThatCameTooLateUnaskedHoldsNothingUp) {
+  list.reported(list.heard(at(2), 5, 1000), 1, 5, 1000);
+  EXPECT_FALSE(list.waiting()) << "what it needs is gone";
+  EXPECT_EQ(list.at(0).state, mrepl::ReceiverState::lost);
+  // A host of the job is waited for, and what it needs is kept.
+  list.expect("h3", at(3).sin_addr.s_addr, 1000);
+  list.reported(list.heard(at(3), 0, 1001), 1, 0, 1001);
+  EXPECT_TRUE(list.waiting());
+  // One whose address has changed is known again by what it has.
+  list.reported(list.heard(at(4), 5, 1002), 6, 5, 1002);
+  EXPECT_EQ(list.at(2).state, mrepl::ReceiverState::served);
+}
+
 TEST_F(ReceiverList, TheRunEndsWhenAllHaveIt) {
-  list.reported(list.heard(at(2), 1000), 50, 0, 1000);
-  list.reported(list.heard(at(3), 1000), 49, 0, 1000);
+  list.reported(list.heard(at(2), 0, 1000), 50, 0, 1000);
+  list.reported(list.heard(at(3), 0, 1000), 49, 0, 1000);
   list.ended(50);
   EXPECT_TRUE(list.waiting());
   EXPECT_EQ(list.at(0).state, mrepl::ReceiverState::complete);
-  list.reported(list.heard(at(3), 1001), 50, 0, 1001);
+  list.reported(list.heard(at(3), 0, 1001), 50, 0, 1001);
   list.ended(50);
   EXPECT_FALSE(list.waiting());
 }
 
 TEST_F(ReceiverList, TwoReceiversOfOneHostAreTwo) {
   list.expect("h2", at(2).sin_addr.s_addr, 1000);
-  list.reported(list.heard(at(2, 4000), 1000), 10, 0, 1000);
-  list.reported(list.heard(at(2, 4001), 1000), 20, 0, 1000);
+  list.reported(list.heard(at(2, 4000), 0, 1000), 10, 0, 1000);
+  list.reported(list.heard(at(2, 4001), 0, 1000), 20, 0, 1000);
   EXPECT_EQ(list.count(), 2);
   EXPECT_EQ(list.needed(), 10u);
   EXPECT_STREQ(list.at(0).name, "h2");
 }
 
 TEST_F(ReceiverList, MoreThanFitAreNotKept) {
-  for (uint32_t host = 0; host < 1024; host++) EXPECT_NE(list.heard(at(host), 1), nullptr);
-  EXPECT_EQ(list.heard(at(5000), 1), nullptr);
+  for (uint32_t host = 0; host < 1024; host++) EXPECT_NE(list.heard(at(host), 0, 1), nullptr);
+  EXPECT_EQ(list.heard(at(5000), 0, 1), nullptr);
 }
 
 // --- whole runs ---
