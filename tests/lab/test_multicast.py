@@ -202,8 +202,9 @@ def test_a_receiver_that_stands_still_for_seconds_completes(make_lab):
 
 
 def test_a_receiver_that_starts_late_gets_everything(make_lab):
-    site = prepared(make_lab, 2, patience="30s", count=300, big=(20 << 20,))
-    site.define(-99, [site.tree + "/"])
+    # Too little for anything to be freed, so slow that it is not over before the second one is there.
+    site = prepared(make_lab, 2, patience="30s", count=300, big=(6 << 20,))
+    site.define(-99, [site.tree + "/"], lines=["Speed: 1000"])
     early, late = site.receivers
     first = begin_receiver(early)
     run = site.begin(-99)

@@ -113,7 +113,7 @@ TEST_F(Sender, TheSampleIsTheAgeOfTheSegmentBehindTheMissingOne) {
   packul(&ring[8].seg.sendTime, now < 500000 ? 0 : now - 500000);
   newWaitTime(ring, ctrl, 7);
   EXPECT_GE(ctrl->lastRtt, now < 500000 ? 0 : 500000);
-  EXPECT_LT(ctrl->lastRtt, 2000000);
+  EXPECT_LE(ctrl->lastRtt, 500000 + mrepl::sinceWire(now, mrepl::momentNow().wire()));
 }
 
 // --- single segments ---
@@ -354,9 +354,16 @@ TEST_F(Requests, ForASegmentUnderwayAreNotAnsweredTwice) {
   soundSite();
   fill(0, 100);
   sent(99);
-  uint32_t now = mrepl::momentNow().wire();
-  for (int at = 0; at < 100; at++) packul(&ring[at].seg.sendTime, now - 1000);
-  ask(10, 1, now - 2000);
+  uint32_t now;
+  bool inTime;
+  // A processor that stood still in the midst makes a lost segment of one that is underway.
+  do {
+    now = mrepl::momentNow().wire();
+    for (int at = 0; at < 100; at++) packul(&ring[at].seg.sendTime, now - 1000);
+    ring[10].flag = 0;
+    ask(10, 1, now - 2000);
+    inTime = mrepl::sinceWire(now, mrepl::momentNow().wire()) < 40000;
+  } while (!inTime);
   EXPECT_EQ(allWanted(), 0);
   ask(10, 1, now - 500);
   EXPECT_EQ(allWanted(), 1) << "the receiver has heard later ones: it is lost";
@@ -597,7 +604,7 @@ TEST_F(Runs, RequestsForEverythingDoNotKeepNewSegmentsBack) {
   site("behaviour = sound\nmulticast.drain = 100ms\n");
   mrepl::runWord = mrepl::kReports | 1 << 16;
   Ear asker;
-  constexpr long long kAskingMs = 4000;
+  constexpr long long kAskingMs = 60000;
   long long begun = base::nowMs();
   pid_t noise = fork();
   if (noise == 0) {
@@ -632,14 +639,16 @@ TEST_F(Runs, ANetworkThatTakesNothingEndsASoundRun) {
 TEST_F(Runs, ANetworkThatGoesAtTheEndFillsNoLog) {
   site("behaviour = sound\nmulticast.drain = 200ms\n");
   mrepl::runWord = mrepl::kReports | 1 << 16;
-  base::storeWord(ctrl->packerState, mrepl::kEnded);
   mrepl::storeNumber(ctrl->filledHigh, ctrl->filledLow, 0);
   for (int at = 0; at < 50; at++) mrepl::placeSegment(ctrl, ring, mseg{});
+  base::storeWord(ctrl->packerState, mrepl::kRunning);
   pid_t pid = fork();
   if (pid == 0) {
     support::eventually([&] { return base::loadWord(ctrl->lastSentLow) == 49; });
     connect(out, reinterpret_cast<sockaddr *>(&requests.address), sizeof requests.address);
     shutdown(out, SHUT_WR);
+    support::eventually([&] { return hostLog().find("Failed to send") != std::string::npos; });
+    base::storeWord(ctrl->packerState, mrepl::kEnded);
     _exit(0);
   }
   EXPECT_EQ(dataSender(&ear.address, out, nullptr, requests.sd), 0);
