@@ -307,13 +307,20 @@ void expectHosts(const MreplJobData *job) {
   if (!mrepl::soundRun()) return;
   static uint32_t addresses[mrepl::Receivers::kMost];
   int count = mrepl::lookUpAll(&job->hostList, addresses, mrepl::Receivers::kMost, kLookUpMs);
-  int at = 0;
-  for (const strNode *node = &job->hostList; node && at < count; node = node->next) {
+  int at = 0, beyond = 0;
+  for (const strNode *node = &job->hostList; node; node = node->next) {
     if (!node->text || node->text[0] == '\0') continue;
+    if (at == count) {
+      beyond++;
+      continue;
+    }
     uint32_t address = addresses[at++];
     if (address == 0) base::print(fplog, "WARNING:  Receiver %s: unknown host\n", node->text);
     sending.receivers.expect(node->text, address, base::nowMs());
   }
+  if (beyond > 0)
+    base::printBoth("WARNING:  Only %i receivers are followed: nobody will know of the other %i\n",
+                    mrepl::Receivers::kMost, beyond);
 }
 
 void chooseRunWord() {

@@ -664,6 +664,23 @@ TEST_F(Runs, WithoutAPackerThereIsNone) {
   EXPECT_EQ(ctrl->senderState, mrepl::kEnded);
 }
 
+TEST_F(Runs, HostsThatAreTooManyToBeFollowedAreTold) {
+  site("behaviour = sound\nmulticast.patience = 50ms\nmulticast.drain = 200ms\n");
+  std::vector<std::string> names;
+  for (int at = 0; at < 1026; at++)
+    names.push_back("10.0." + std::to_string(at / 200) + "." + std::to_string(1 + at % 200));
+  std::vector<strNode> nodes(names.size() + 1);
+  for (size_t at = 0; at < names.size(); at++) nodes[at] = {names[at].data(), &nodes[at + 1]};
+  MreplJobData job{};
+  job.hostList = nodes[0];
+  alone([&] {
+    std::string said = support::captureStderr([&] { EXPECT_EQ(repServStart(&job), 0); });
+    EXPECT_NE(said.find("WARNING:  Only 1024 receivers are followed: nobody will know of the "
+                        "other 2\n"),
+              std::string::npos);
+  });
+}
+
 TEST_F(Runs, ABusyRequestPortEndsTheStart) {
   MreplJobData job{};
   std::string said = support::captureStderr([&] {
