@@ -133,10 +133,10 @@ int appendRequest(std::string path, time_t since) {
   bool found = lstat(path.c_str(), &status) == 0;
   // What a job asks for by name is missing when it is not there; installed senders pass over a tree
   // without a word.
-  if (!found && !excluded(path)) {
+  bool told = mrepl::soundRun() ? !excluded(path) : !tree;
+  if (!found && told) {
     mrepl::packed.unsent(path.c_str(), strerror(errno));
-    if (!tree || mrepl::soundRun())
-      base::print(fplog, "NOTICE:  Cannot find requested path %s\n", path.c_str());
+    base::print(fplog, "NOTICE:  Cannot find requested path %s\n", path.c_str());
   }
   if (!found) return 0;
   if (tree) return scan(path, &total, since);
