@@ -5,6 +5,7 @@
 // standard error, which the host relays to the operator, or to the sending host's fan-out.
 #include <dirent.h>
 #include <errno.h>
+#include <netinet/in.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -15,6 +16,7 @@
 #include <zul/mrepl.h>
 #include <zul/tape.h>
 
+#include "base/fd.h"
 #include "base/log.h"
 #include "base/process.h"
 #include "base/site.h"
@@ -105,6 +107,20 @@ bool storeUpload(base::Store &store) {
         return false;
     }
   }
+}
+
+// Receivers are started before their sender, and join the first run that they hear. Started beside
+// another one they would write that one's files, which are not for their hosts, so a sound site
+// holds the port that only one run can have. False when another one has it.
+bool holdPort(base::Fd *port) {
+  if (!base::sound(base::Area::multicast)) return true;
+  sockaddr_in address;
+  int opened = mkUDPListenerSocket(MR_REQ_PORT, &address);
+  port->reset(opened);
+  if (opened >= 0) return true;
+  base::print(stderr, "ERROR: Failed to get listener socket. retval = %i, errno = %i\n", opened,
+              errno);
+  return false;
 }
 
 int getJobids(const char *) {
@@ -253,12 +269,18 @@ int mreplstart(int jobid) {
     return -1;
   }
   base::print(stderr, "Starting Multicast replication clients\n");
+  base::Fd port;
+  if (!holdPort(&port)) {
+    cncfree(&job);
+    return 0;
+  }
   if (jobid != kWithoutReceivers) {
     // The number is not looked at; installed agents expect one.
     char request[] = "MREPL mrepclnt 1234567890\n";
     char *commands[] = {request, nullptr};
     minimonk(&job.hostList, commands, -1);
   }
+  port.reset();
   base::print(stderr, "Starting Multicast replication server\n");
   mrepl::sent.begin(jobid);
   int result = repServStart(&job);

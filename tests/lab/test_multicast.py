@@ -340,6 +340,20 @@ def test_a_second_run_on_the_same_host_is_refused(make_lab):
     everything_arrived(site)
 
 
+def test_a_refused_run_starts_no_receivers(make_lab):
+    site = prepared(make_lab, 2, count=20, big=(16 << 20,))
+    served, other = site.receivers
+    site.define(3, [site.tree + "/"], hosts=[served], lines=[SLOWLY])
+    site.define(4, [site.tree + "/"], hosts=[other])
+    run = site.begin(3)
+    eventually(lambda: in_the_midst(site.arrived(served, site.tree)), 20)
+    again = site.run(4)
+    assert "ERROR: Failed to get listener socket. retval = -2" in again.stdout + again.stderr
+    assert receivers_on(other) == [] and site.record(other) == {}
+    assert "incomplete" not in run.communicate(timeout=60)[0]
+    everything_arrived(site, [served])
+
+
 def test_an_earlier_run_does_not_disturb_the_next(make_lab):
     site = prepared(make_lab, 2, count=50, lines=[SLOWLY], big=(16 << 20,))
     run = started(site)

@@ -68,4 +68,13 @@ TEST_F(RunStart, TheTrialNumberStartsTheSenderOnly) {
   EXPECT_EQ(results(), "");
 }
 
+// Its receivers would join the run that goes on, and write files that are not for their hosts.
+TEST_F(RunStart, ASoundSiteStartsNoReceiversBesideAnotherRun) {
+  soundSite();
+  support::writeFile(path("var/tape/mrepljobs/mrepjob.5"), "Host: 127.0.1.1\n");
+  EXPECT_EQ(start("5"), std::string(kClients) +
+                            "ERROR: Failed to get listener socket. retval = -2, errno = 98\n");
+  EXPECT_EQ(agents.heard().size(), 0u);
+}
+
 }  // namespace
