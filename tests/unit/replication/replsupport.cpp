@@ -61,8 +61,10 @@ constexpr char kListDue[] = "/list.due";
 static void awaitList(const std::string &folder) {
   std::string due = folder + kListDue, list = folder + "/../var/tape/jobids/repl.5";
   if (!support::exists(due)) return;
+  constexpr int kLimitMs = 15000;
   support::eventually(
-      [&] { return support::exists(list) && support::readFile(list) == support::readFile(due); });
+      [&] { return support::exists(list) && support::readFile(list) == support::readFile(due); },
+      kLimitMs);
 }
 
 // One request of the sending host.
