@@ -161,12 +161,12 @@ void openLog(int server) {
   const char *name = server == 1 ? "repServ.log" : "repClnt.log";
   char path[base::kPathMax];
   // The name in /tmp is known to everybody: who makes it first owns the log, or keeps us from
-  // opening it.
+  // opening it, but not for ever, as a pipe that nobody reads would.
   if (base::sound(base::Area::security))
     base::copyText(path, sizeof path, base::HomePath("var/%s", name));
   else
     snprintf(path, sizeof path, "/tmp/%s", name);
-  int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
+  int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
   FILE *log = fd >= 0 ? fdopen(fd, "w") : nullptr;
   if (!log) {
     base::print(stderr, "ERROR:  Cannot open ZULd log file\n");

@@ -174,6 +174,20 @@ TEST_F(Common, ALinkInTheWayOfTheLogIsNotFollowed) {
   EXPECT_EQ(support::readFile(path("precious")), "kept");
 }
 
+TEST_F(Common, APipeInTheWayOfTheLogHoldsNobodyUp) {
+  unlink("/tmp/repServ.log");
+  ASSERT_EQ(mkfifo("/tmp/repServ.log", 0600), 0);
+  std::string said = support::captureStderr([&] {
+    int status = support::inChild([] {
+      openLog(1);
+      return 0;
+    });
+    EXPECT_EQ(support::exitOf(status), 255);
+  });
+  unlink("/tmp/repServ.log");
+  EXPECT_EQ(said, "ERROR:  Cannot open ZULd log file\n");
+}
+
 TEST_F(Common, ASoundSiteKeepsTheLogInItsHome) {
   soundSite();
   unlink("/tmp/repServ.log");
