@@ -77,6 +77,11 @@ def script_word(value):
     return urllib.parse.quote(text, safe="", encoding="latin-1")
 
 
+def whole_lines(text):
+    """A process that still runs may have written half of the last one."""
+    return text[:text.rfind("\n") + 1].splitlines()
+
+
 class Said:
     """What came of a run: its streams, its results, how the process ended."""
 
@@ -101,11 +106,11 @@ class Said:
 
     @property
     def trace(self):
-        return self.read("trace").splitlines()
+        return whole_lines(self.read("trace"))
 
     @property
     def results(self):
-        return self.read("results").splitlines()
+        return whole_lines(self.read("results"))
 
     def result_of(self, call):
         """The number that a call returned."""
