@@ -158,11 +158,9 @@ TEST_F(Common, ALogBeginsAnewForEveryRun) {
   }
 }
 
-TEST_F(Common, ALinkInTheWayOfTheLogIsNotFollowed) {
-  unlink("/tmp/repServ.log");
-  support::writeFile(path("precious"), "kept");
-  ASSERT_EQ(symlink(path("precious").c_str(), "/tmp/repServ.log"), 0);
-  std::string said = support::captureStderr([&] {
+// With what stands in the place of the log, which is removed then.
+void expectNoLog() {
+  std::string said = support::captureStderr([] {
     int status = support::inChild([] {
       openLog(1);
       return 0;
@@ -171,21 +169,20 @@ TEST_F(Common, ALinkInTheWayOfTheLogIsNotFollowed) {
   });
   unlink("/tmp/repServ.log");
   EXPECT_EQ(said, "ERROR:  Cannot open ZULd log file\n");
+}
+
+TEST_F(Common, ALinkInTheWayOfTheLogIsNotFollowed) {
+  unlink("/tmp/repServ.log");
+  support::writeFile(path("precious"), "kept");
+  ASSERT_EQ(symlink(path("precious").c_str(), "/tmp/repServ.log"), 0);
+  expectNoLog();
   EXPECT_EQ(support::readFile(path("precious")), "kept");
 }
 
 TEST_F(Common, APipeInTheWayOfTheLogHoldsNobodyUp) {
   unlink("/tmp/repServ.log");
   ASSERT_EQ(mkfifo("/tmp/repServ.log", 0600), 0);
-  std::string said = support::captureStderr([&] {
-    int status = support::inChild([] {
-      openLog(1);
-      return 0;
-    });
-    EXPECT_EQ(support::exitOf(status), 255);
-  });
-  unlink("/tmp/repServ.log");
-  EXPECT_EQ(said, "ERROR:  Cannot open ZULd log file\n");
+  expectNoLog();
 }
 
 TEST_F(Common, ASoundSiteKeepsTheLogInItsHome) {
